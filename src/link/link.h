@@ -1,0 +1,107 @@
+#pragma once
+#include "prompter.h"
+#include "serialcontrol.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QRgb>
+#include <QString>
+#include <QStringList>
+#include <array>
+#include <cstdint>
+#include <functional>
+
+namespace pyro {
+
+struct ComboBox {
+    QStringList list;
+    QString text;
+};
+
+// What the logic reads and writes of the main window. The window shows it and
+// forwards clicks; it holds no logic of its own.
+struct View {
+    QString SB[4];                       // status panels 1..3 (0 unused)
+    QString Command2Caption = QStringLiteral("OpenUart");
+    QRgb Shape1 = qRgb(250, 0, 0);       // the port lamp
+    bool Command3Enabled = true;         // "Load File"
+    bool Command4Enabled = false;        // "Program"/"Stop"
+    QString Command4Caption = QStringLiteral("Program");
+    std::array<ComboBox, 6> ComboSet;
+    std::array<bool, 4> Check1{true, false, false, false};   // Version, KeepInF, CurrSet, AutoLoad
+    std::array<QString, 7> NotesTxt;
+    std::array<bool, 7> MenuImgEnabled{true, true, true, true, false, true, true};
+    // The path-and-progress strip: InfLab's text, PersLab's bar behind it.
+    QString InfLab;
+    int InfLabWidth = 8500;              // twips
+    bool PersLabVisible = false;
+    int PersLabWidth = 0;                // twips
+    QString RTB;                         // the log pane's whole text
+};
+
+// Everything the tick owns: the port, the frame buffers, the exchange
+// counters and the words that hand the line from mode to mode.
+struct Link {
+    SerialControl *MBMC = nullptr;
+    Prompter *prompter = nullptr;
+    // Dates and times for log lines and stamps; tests fix them.
+    std::function<QDateTime()> now = [] { return QDateTime::currentDateTime(); };
+    QString appDir;                      // the folder of the program file
+
+    View view;
+
+    QByteArray MBTxBuf;
+    QByteArray MBRxBuf;
+
+    int16_t MBStep = 0;
+    int16_t MBWait = 0;
+    int16_t MBQuiet = 0;
+    int16_t MBSendLimit = 0;
+    int16_t MBReplyLimit = 0;
+    int16_t MBQuietLimit = 0;
+    int16_t MBResult = -1;
+
+    uint8_t ModeRequest = 0;
+    uint8_t LinkMode = 0;
+    int16_t StateWord = 0;
+    int16_t TryCount = 0;
+    int16_t BurnArmed = 0;
+    int16_t BurnBegun = 0;
+
+    // The firmware path: Load File sets it, the strip shows it.
+    QString BinPath;
+
+    // One step of the state machine of LinkMode 1..7, filled by the burn and
+    // the parameter operations. Mode 0 is the monitor below.
+    std::array<std::function<void()>, 8> modeStep;
+
+    bool inTick = false;                 // a modal box inside a tick must not tick again
+    qint64 ticks = 0;                    // ticks run, for benchmarks and the CLI
+};
+
+// --- the exchange engine ---------------------------------------------------
+
+// Builds the frame into MBTxBuf (address 01, function, body, CRC).
+void MBBuildFrame(Link &l, uint8_t function, const QByteArray &body);
+void MBSend(Link &l, int16_t quietLimit, int16_t replyLimit, int16_t sendLimit);
+void MBExchangeTick(Link &l);
+void OnComm(Link &l, CommEvent ev);
+
+// --- the tick --------------------------------------------------------------
+
+// Wires the port's notices to OnComm. Call once the port object exists.
+void AttachPort(Link &l, SerialControl *port);
+void MBTimTimer(Link &l);
+void LinkMonitorStep(Link &l);
+
+// The strip: text over a bar of width (InfLab width - 20) x fraction; 0 hides it.
+void ShowProgress(View &v, const QString &text, float fraction);
+
+// Appends "date time message\r\n" to the log pane.
+void AddLog(Link &l, const QString &message);
+QString LogLine(const QDateTime &when, const QString &message);
+
+// A real number to an integer: nearest, ties to even.
+qint64 RoundHalfEven(double x);
+
+} // namespace pyro

@@ -1,0 +1,81 @@
+#include "qtserialcontrol.h"
+
+#include <QTimer>
+
+namespace pyro {
+
+QtSerialControl::QtSerialControl(QObject *parent)
+    : QObject(parent)
+{
+    connect(&m_port, &QSerialPort::bytesWritten, this, [this](qint64) {
+        if (m_port.bytesToWrite() == 0 && onComm)
+            onComm(comEvSend);
+    });
+    connect(&m_port, &QSerialPort::readyRead, this, [this] {
+        if (onComm)
+            onComm(comEvReceive);
+    });
+    connect(&m_port, &QSerialPort::errorOccurred, this, &QtSerialControl::onError);
+}
+
+bool QtSerialControl::open(const QString &name, const PortSettings &s)
+{
+    if (m_port.isOpen())
+        return false;
+    m_port.setPortName(name);
+    if (!m_port.open(QIODevice::ReadWrite))
+        return false;
+    const auto parity = s.parity == 'o' ? QSerialPort::OddParity
+        : s.parity == 'e'               ? QSerialPort::EvenParity
+                                        : QSerialPort::NoParity;
+    const bool ok = m_port.setBaudRate(s.baud) && m_port.setParity(parity)
+        && m_port.setDataBits(QSerialPort::DataBits(s.dataBits))
+        && m_port.setStopBits(s.stopBits == 2 ? QSerialPort::TwoStop : QSerialPort::OneStop)
+        && m_port.setFlowControl(QSerialPort::NoFlowControl);
+    if (!ok) {
+        m_port.close();
+        return false;
+    }
+    m_port.setReadBufferSize(0);
+    m_port.clear();
+    return true;
+}
+
+void QtSerialControl::close()
+{
+    if (m_port.isOpen())
+        m_port.close();
+}
+
+bool QtSerialControl::output(const QByteArray &frame)
+{
+    if (!m_port.isOpen())
+        return false;
+    return m_port.write(frame) == frame.size();
+}
+
+QByteArray QtSerialControl::input()
+{
+    if (!m_port.isOpen())
+        return {};
+    return m_port.readAll();
+}
+
+void QtSerialControl::clearInput()
+{
+    // readAll has taken everything already; clearing the driver's queue here
+    // would throw away bytes that arrived after that read.
+}
+
+void QtSerialControl::onError(QSerialPort::SerialPortError error)
+{
+    if (error == QSerialPort::ResourceError || error == QSerialPort::PermissionError) {
+        // Closing inside the error signal can re-enter the port; do it next.
+        QTimer::singleShot(0, this, [this] {
+            if (m_port.isOpen())
+                m_port.close();
+        });
+    }
+}
+
+} // namespace pyro

@@ -1,0 +1,33 @@
+#pragma once
+#include "serialcontrol.h"
+
+#include <QObject>
+#include <QSerialPort>
+
+namespace pyro {
+
+// The real port. bytesWritten with nothing left to write stands for the
+// transmit-empty notice, readyRead for the arrival of data. A device that
+// goes away (adapter pulled, pseudo-terminal closed) closes the port, so the
+// next tick finds it closed.
+class QtSerialControl : public QObject, public SerialControl {
+    Q_OBJECT
+public:
+    explicit QtSerialControl(QObject *parent = nullptr);
+
+    bool open(const QString &name, const PortSettings &settings) override;
+    void close() override;
+    bool isOpen() const override { return m_port.isOpen(); }
+    bool output(const QByteArray &frame) override;
+    QByteArray input() override;
+    void clearInput() override;
+    void clearOutput() override {}
+    QString errorText() const override { return m_port.errorString(); }
+
+private:
+    void onError(QSerialPort::SerialPortError error);
+
+    QSerialPort m_port;
+};
+
+} // namespace pyro

@@ -1,0 +1,40 @@
+#pragma once
+#include <QByteArray>
+#include <QString>
+#include <functional>
+
+namespace pyro {
+
+// What the open step hands the port: the parts of the settings text
+// "57600,n,8,1" after they have been checked.
+struct PortSettings {
+    qint32 baud = 57600;
+    char parity = 'n';   // 'n', 'o' or 'e'
+    int dataBits = 8;
+    int stopBits = 1;
+};
+
+enum CommEvent { comEvSend = 1, comEvReceive = 2 };
+
+// The one serial control. Never blocks; notices come through onComm on the
+// thread of the tick, between handlers.
+class SerialControl {
+public:
+    virtual ~SerialControl() = default;
+
+    // Opens the named port; false (with errorText) when it can't.
+    virtual bool open(const QString &name, const PortSettings &settings) = 0;
+    virtual void close() = 0;
+    virtual bool isOpen() const = 0;
+    // Queues the whole frame; false when the port refuses it.
+    virtual bool output(const QByteArray &frame) = 0;
+    // Everything received and not yet read, in order.
+    virtual QByteArray input() = 0;
+    virtual void clearInput() = 0;
+    virtual void clearOutput() = 0;
+    virtual QString errorText() const = 0;
+
+    std::function<void(CommEvent)> onComm;
+};
+
+} // namespace pyro
