@@ -1,0 +1,11 @@
+#pragma once
+#include <QStringList>
+
+// Each command of pyrolink-cli takes the words after its name and gives the
+// process exit code: 0 success, non-zero failure.
+int cliPorts(const QStringList &args);
+int cliMonitor(const QStringList &args);
+int cliTable(const QStringList &args);
+int cliBurn(const QStringList &args);
+int cliParams(const QStringList &args);
+int cliDb(const QStringList &args);
