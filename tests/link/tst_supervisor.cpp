@@ -1,0 +1,290 @@
+#include "frame.h"
+#include "linkbench.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace pyro;
+
+// A board that answers every poll with the given status, or stays silent.
+static void answerPolls(LinkBench &b, int *status)
+{
+    b.port.onOutput = [&b, status](const QByteArray &frame) {
+        if (*status >= 0 && frame.size() > 1 && uint8_t(frame[1]) == 0xF0)
+            b.port.deliver(MBBuildFrame(0xF0, QByteArray(1, char(*status))));
+    };
+}
+
+// A prompter whose box, like a modal one, runs the event loop: ticks come
+// while it is up.
+class TickingPrompter : public ScriptedPrompter {
+public:
+    Link *link = nullptr;
+    void message(const QString &text, const QString &title) override
+    {
+        ScriptedPrompter::message(text, title);
+        for (int i = 0; i < 5; ++i)
+            MBTimTimer(*link);
+    }
+};
+
+class TstSupervisor : public QObject {
+    Q_OBJECT
+private slots:
+    void closedPortAndVanishingPort();
+    void monitorTextsAndFailureRhythm();
+    void modeHandover();
+    void nestedTickIsRefused();
+    void portControl();
+    void autoDetectAndSettings();
+    void progressStrip();
+};
+
+void TstSupervisor::closedPortAndVanishingPort()
+{
+    LinkBench b;
+    b.link.BurnArmed = 1;
+    b.tick();
+    QCOMPARE(b.link.view.SB[1], QString("Open port first！"));
+    QVERIFY(!b.link.view.Command3Enabled);
+    QVERIFY(!b.link.view.Command4Enabled);
+    QCOMPARE(b.link.MBResult, int16_t(-1));
+    QCOMPARE(b.link.BurnArmed, int16_t(0));
+    QVERIFY(b.port.written.isEmpty());
+
+    int status = 2;
+    answerPolls(b, &status);
+    b.open();
+    QCOMPARE(b.link.view.SB[1], QString("Serial uart has ben Opened"));
+    b.ticks(5);
+    QCOMPARE(b.link.view.SB[1], QString("Link normal-run mode"));
+    QVERIFY(b.link.view.Command3Enabled);
+
+    // The adapter is pulled in the middle of an exchange: the next tick shows
+    // the closed port and nothing more is sent.
+    b.port.vanish();
+    const auto sent = b.port.written.size();
+    b.ticks(30);
+    QCOMPARE(b.link.view.SB[1], QString("Open port first！"));
+    QCOMPARE(b.port.written.size(), sent);
+}
+
+void TstSupervisor::monitorTextsAndFailureRhythm()
+{
+    LinkBench b;
+    int status = -1;
+    answerPolls(b, &status);
+    b.open();
+    // With no good poll before, the sixth failed poll writes the failure.
+    int polls = 0;
+    while (b.link.view.SB[1] != QString("Link failure！") && polls < 100) {
+        b.tick();
+        polls = int(b.port.written.size());
+    }
+    QCOMPARE(polls, 6);
+    QCOMPARE(b.link.TryCount, int16_t(0));
+
+    status = 3;
+    b.ticks(25);
+    QCOMPARE(b.link.view.SB[1], QString("Link normal-stop mode"));
+    status = 1;
+    b.ticks(10);
+    QCOMPARE(b.link.view.SB[1], QString("Link normal-download mode"));
+
+    // Status 0 or 4 keeps the text but counts as a good poll.
+    status = 4;
+    b.ticks(10);
+    QCOMPARE(b.link.view.SB[1], QString("Link normal-download mode"));
+    QCOMPARE(b.link.TryCount, int16_t(1));
+
+    // After a good poll the failure comes with the fifth failed one, then
+    // again every sixth.
+    status = -1;
+    const auto before = b.port.written.size();
+    while (b.link.view.SB[1] != QString("Link failure！"))
+        b.tick();
+    QCOMPARE(b.port.written.size() - before, 5);
+    b.link.view.SB[1].clear();
+    const auto again = b.port.written.size();
+    while (b.link.view.SB[1] != QString("Link failure！"))
+        b.tick();
+    QCOMPARE(b.port.written.size() - again, 6);
+    // Each poll is the fixed frame, one as soon as the last has its outcome.
+    QCOMPARE(toHexLine(b.port.written.last()), QByteArray("01 F0 00 00 64"));
+}
+
+void TstSupervisor::modeHandover()
+{
+    LinkBench b;
+    int steps3 = 0, steps4 = 0;
+    b.link.modeStep[3] = [&] { ++steps3; };
+    b.link.modeStep[4] = [&] {
+        if (b.link.StateWord == 0)
+            ++steps4;
+        b.link.StateWord = 7;
+    };
+    int status = -1;
+    answerPolls(b, &status);
+    b.open();
+    b.tick();                       // the monitor's poll goes out
+    b.port.pump();
+    QCOMPARE(b.link.MBStep, int16_t(2));
+    // Two requests before the tick takes one: only the last counts, and only
+    // once the exchange under way has its outcome (20 ticks, silent peer).
+    b.link.ModeRequest = 3;
+    b.link.ModeRequest = 4;
+    b.ticks(19);
+    QCOMPARE(b.link.LinkMode, uint8_t(0));
+    b.tick();
+    QCOMPARE(b.link.LinkMode, uint8_t(4));
+    QCOMPARE(steps3, 0);
+    QCOMPARE(steps4, 1);
+    // An unknown mode does nothing on a tick.
+    b.link.ModeRequest = 9;
+    b.ticks(3);
+    QCOMPARE(b.link.LinkMode, uint8_t(9));
+    // Back to the monitor: its StateWord starts at 0 and it polls at once.
+    b.link.ModeRequest = 0;
+    const auto sent = b.port.written.size();
+    b.tick();
+    QCOMPARE(b.port.written.size(), sent + 1);
+}
+
+void TstSupervisor::nestedTickIsRefused()
+{
+    LinkBench b;
+    TickingPrompter modal;
+    modal.link = &b.link;
+    b.link.prompter = &modal;
+    int entered = 0;
+    b.link.modeStep[2] = [&] {
+        ++entered;
+        modal.message("boxed", "Hint");   // ticks arrive while the box is up
+    };
+    b.open();
+    b.link.ModeRequest = 2;
+    b.link.LinkMode = 2;
+    const qint64 before = b.link.ticks;
+    b.tick();
+    QCOMPARE(entered, 1);
+    QCOMPARE(b.link.ticks, before + 1);
+    b.tick();
+    QCOMPARE(entered, 2);
+}
+
+void TstSupervisor::portControl()
+{
+    LinkBench b;
+    QCOMPARE(MBSettings(b.link.view), QString("57600,n,8,1"));
+    QCOMPARE(b.link.view.ComboSet[0].list.size(), 30);
+    QCOMPARE(b.link.view.ComboSet[5].text, QString("512"));
+
+    // A port that won't open: the box, and nothing changes.
+    b.port.refusedNames << "/dev/fake0";
+    b.open();
+    QCOMPARE(b.prompter.shown, QStringList{"Hint|Serial port error！"});
+    QCOMPARE(b.link.view.Command2Caption, QString("OpenUart"));
+    QCOMPARE(b.link.view.Shape1, qRgb(250, 0, 0));
+    QVERIFY(!b.port.isOpen());
+    // A settings text the port can't use fails the same way.
+    b.port.refusedNames.clear();
+    b.link.view.ComboSet[3].text = "4";
+    b.open();
+    QCOMPARE(b.prompter.shown.size(), 2);
+    QVERIFY(!b.port.isOpen());
+    b.link.view.ComboSet[3].text = "8";
+
+    b.open();
+    QVERIFY(b.port.isOpen());
+    QCOMPARE(b.link.view.Command2Caption, QString("CloseUart"));
+    QCOMPARE(b.link.view.Shape1, qRgb(0, 255, 0));
+    QCOMPARE(b.port.openedSettings.baud, 57600);
+
+    // A change of any box during a burn closes the port and cancels the burn.
+    b.link.view.Command4Caption = "Stop";
+    b.link.ModeRequest = 1;
+    b.link.BurnArmed = 1;
+    b.link.BurnBegun = 1;
+    b.link.BinPath = "/fw/app.BIN";
+    ShowProgress(b.link.view, b.link.BinPath, 0.5f);
+    ComboSetChange(b.link, 5);
+    QVERIFY(!b.port.isOpen());
+    QCOMPARE(b.link.view.SB[1], QString("Serial uart has ben closed"));
+    QCOMPARE(b.link.view.RTB, QString("2026-11-23 09:30:00 Cancel program\r\n"));
+    QCOMPARE(b.link.view.Command4Caption, QString("Program"));
+    QCOMPARE(b.link.ModeRequest, uint8_t(0));
+    QCOMPARE(b.link.BurnArmed + b.link.BurnBegun, 0);
+    QVERIFY(!b.link.view.PersLabVisible);
+    QCOMPARE(b.link.view.InfLab, QString("/fw/app.BIN"));
+    // While closed a change does nothing; a click opens again as the boxes stand.
+    ComboSetChange(b.link, 1);
+    QCOMPARE(b.link.view.Command2Caption, QString("OpenUart"));
+    b.link.view.ComboSet[1].text = "9600";
+    b.open();
+    QCOMPARE(b.port.openedSettings.baud, 9600);
+    // Closing with no burn writes no log line.
+    b.open();
+    QVERIFY(!b.port.isOpen());
+    QCOMPARE(b.link.view.RTB.count("\r\n"), 1);
+}
+
+void TstSupervisor::autoDetectAndSettings()
+{
+    LinkBench b;
+    b.port.refusedNames << "/dev/ttyS1";
+    b.open();
+    b.link.view.Command4Caption = "Stop";
+    b.link.ModeRequest = 1;
+    AutoDetect(b.link, {"COM1", "COM2", "COM3", "junk"});
+    QCOMPARE(b.link.view.ComboSet[0].list, QStringList({"COM1", "COM3"}));
+    QCOMPARE(b.link.view.ComboSet[0].text, QString("COM1"));
+    QVERIFY(!b.port.isOpen());
+    QCOMPARE(b.link.view.Command2Caption, QString("OpenUart"));
+    QCOMPARE(b.link.view.RTB, QString("2026-11-23 09:30:00 Cancel burning\r\n"));
+    QCOMPARE(b.link.ModeRequest, uint8_t(0));
+    // No port at all: an empty list, and opening then fails with the box.
+    AutoDetect(b.link, {});
+    QVERIFY(b.link.view.ComboSet[0].text.isEmpty());
+    b.open();
+    QCOMPARE(b.prompter.shown.last(), QString("Hint|Serial port error！"));
+    QCOMPARE(b.link.view.RTB.count("\r\n"), 1);   // no burn, no line
+
+    // Names: a device path as is; COMn through a link in the program's
+    // folder when there is one.
+    QTemporaryDir dir;
+    QCOMPARE(ResolvePortName("/dev/ttyUSB0", dir.path()), QString("/dev/ttyUSB0"));
+    QCOMPARE(ResolvePortName("COM4", dir.path()), QString("/dev/ttyS3"));
+    QCOMPARE(ResolvePortName("COM12", dir.path()), QString("/dev/ttyS11"));
+    QVERIFY(QFile::link("/dev/null", dir.filePath("COM4")));
+    QCOMPARE(ResolvePortName("COM4", dir.path()), dir.filePath("COM4"));
+    QVERIFY(ResolvePortName("COMx", dir.path()).isEmpty());
+    QVERIFY(ResolvePortName("", dir.path()).isEmpty());
+
+    PortSettings ps;
+    QVERIFY(ParseSettings("9600,e,7,2", &ps));
+    QCOMPARE(ps.parity, 'e');
+    QVERIFY(!ParseSettings("57600,8,1", &ps));
+    QVERIFY(!ParseSettings("abc,n,8,1", &ps));
+    QVERIFY(!ParseSettings("57600,n,9,1", &ps));
+    b.link.view.ComboSet[2].text = "Odd";
+    QCOMPARE(MBSettings(b.link.view), QString("57600,o,8,1"));
+}
+
+void TstSupervisor::progressStrip()
+{
+    View v;
+    ShowProgress(v, "a.BIN", 1.0f);
+    QVERIFY(v.PersLabVisible);
+    QCOMPARE(v.PersLabWidth, v.InfLabWidth - 20);
+    ShowProgress(v, "a.BIN", 0.25f);
+    QCOMPARE(v.PersLabWidth, 2120);
+    ShowProgress(v, "b.BIN", 0);
+    QVERIFY(!v.PersLabVisible);
+    QCOMPARE(v.InfLab, QString("b.BIN"));
+    QCOMPARE(RoundHalfEven(2.5), 2);
+    QCOMPARE(RoundHalfEven(3.5), 4);
+    QCOMPARE(RoundHalfEven(-2.5), -2);
+}
+
+QTEST_APPLESS_MAIN(TstSupervisor)
+#include "tst_supervisor.moc"
