@@ -21,7 +21,7 @@ struct ComboBox {
 // What the logic reads and writes of the main window. The window shows it and
 // forwards clicks; it holds no logic of its own.
 struct View {
-    QString SB[4];                       // status panels 1..3 (0 unused)
+    QString SB[4]{QString(), QStringLiteral("串口未打开")};   // status panels 1..3 (0 unused)
     QString Command2Caption = QStringLiteral("OpenUart");
     QRgb Shape1 = qRgb(250, 0, 0);       // the port lamp
     bool Command3Enabled = true;         // "Load File"
