@@ -1,0 +1,49 @@
+#include "numbers.h"
+#include "link.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+namespace pyro {
+
+bool FitInteger(double x, qint64 lo, qint64 hi, qint64 &out)
+{
+    if (!std::isfinite(x) || x < double(lo) - 1.0 || x > double(hi) + 1.0)
+        return false;
+    const qint64 v = RoundHalfEven(x);
+    if (v < lo || v > hi)
+        return false;
+    out = v;
+    return true;
+}
+
+QString FormatDecimals(double value, int decimals)
+{
+    if (decimals < 0 || decimals > 5 || !std::isfinite(value))
+        return {};
+    char buf[400];   // a double's integer part has at most 309 digits
+    const auto r = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, decimals);
+    if (r.ec != std::errc())
+        return {};
+    const char *from = buf;
+    // -0.001 rounds to zero: show 0.00, not -0.00.
+    if (*from == '-' && std::all_of(buf + 1, r.ptr, [](char c) { return c == '0' || c == '.'; }))
+        ++from;
+    return QString::fromLatin1(from, r.ptr - from);
+}
+
+QString ShortestText(double value)
+{
+    if (!std::isfinite(value))
+        return {};
+    // Fixed notation, never an exponent: a needle "1000000" must be found in
+    // the text of a stored 1000000.
+    char buf[1100];
+    const auto r = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed);
+    if (r.ec != std::errc())
+        return {};
+    return QString::fromLatin1(buf, r.ptr - buf);
+}
+
+} // namespace pyro
