@@ -82,6 +82,11 @@ inline QByteArray &MagicLine(DbRecord &h) { return h.NodeKey; }
 inline QByteArray &CreatedText(DbRecord &h) { return h.FunctionText; }
 inline QByteArray &OpenedText(DbRecord &h) { return h.ProgramFile; }
 inline QByteArray &LastUser(DbRecord &h) { return h.Reserved2; }
+inline const QByteArray &AuthorLine(const DbRecord &h) { return h.ParentKey; }
+inline const QByteArray &MagicLine(const DbRecord &h) { return h.NodeKey; }
+inline const QByteArray &CreatedText(const DbRecord &h) { return h.FunctionText; }
+inline const QByteArray &OpenedText(const DbRecord &h) { return h.ProgramFile; }
+inline const QByteArray &LastUser(const DbRecord &h) { return h.Reserved2; }
 
 QByteArray EncodeRecord(const DbRecord &r);
 // Bytes beyond the array read as 0, so a short buffer never reads out of bounds;
