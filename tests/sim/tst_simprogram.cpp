@@ -16,6 +16,7 @@ private slots:
     void init();
     void cleanup();
     void pollCloseQuit();
+    void startupOptions();
     void badOptionsExit_data();
     void badOptionsExit();
 
@@ -137,6 +138,41 @@ void TstSimProgram::pollCloseQuit()
     QCOMPARE(m_sim->exitStatus(), QProcess::NormalExit);
     QCOMPARE(m_sim->exitCode(), 0);
     QVERIFY(!QFileInfo(link).isSymLink());
+}
+
+void TstSimProgram::startupOptions()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QByteArray block(96, '\0');
+    for (int i = 0; i < block.size(); ++i)
+        block[i] = char(i * 7 + 3);
+    QFile f(dir.filePath(QStringLiteral("factory.bin")));
+    QVERIFY(f.open(QIODevice::WriteOnly));
+    f.write(block);
+    f.close();
+    m_sim->start(simPath(), {"--no-pace", "--id", "C0C1C2C3C4C5C6C7C8C9CACB", "--settings", f.fileName(),
+                             "--fault", "CorruptCrc:1:F1", "--mode", "1"});
+    QByteArray ready;
+    QVERIFY(QTest::qWaitFor([&] { return sawLine("ready ", &ready); }, 15000));
+    QSerialPort port(QString::fromLocal8Bit(ready.mid(6)));
+    QVERIFY2(port.open(QIODevice::ReadWrite), qPrintable(port.errorString()));
+
+    // The armed fault spoils the first identity reply only.
+    QVERIFY(!FrameCrcOk(pollOnce(port, fromHexLine("01 F1 A7 2A 24"), 17)));
+    const QByteArray id = pollOnce(port, fromHexLine("01 F1 A7 2A 24"), 17);
+    QVERIFY(FrameCrcOk(id));
+    QCOMPARE(id.mid(3, 12), fromHexLine("C0 C1 C2 C3 C4 C5 C6 C7 C8 C9 CA CB"));
+    QCOMPARE(pollOnce(port, fromHexLine("01 F0 00 00 64"), 5), MBBuildFrame(kFnLinkPoll, QByteArray(1, '\1')));
+    // The factory block from the file, where the settings are read.
+    const QByteArray read = pollOnce(port, MBBuildFrame(kFnReadMemory, le32(0x08002800) + le16(96)), 96 + 10);
+    QVERIFY(FrameCrcOk(read));
+    QCOMPARE(read.mid(8, 96), block);
+
+    // EOF on stdin ends the program.
+    m_sim->closeWriteChannel();
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->state(), QProcess::NotRunning, 10000);
+    QCOMPARE(m_sim->exitCode(), 0);
 }
 
 void TstSimProgram::badOptionsExit_data()
