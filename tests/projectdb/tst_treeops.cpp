@@ -1,0 +1,333 @@
+// Tree operations on file and tree: add, insert, delete, move, rename, expand.
+#include "dbfixture.h"
+
+using namespace pyro;
+
+class TstTreeOps : public QObject {
+    Q_OBJECT
+private slots:
+    void addTopLevel();
+    void addChild();
+    void insertBefore();
+    void deleteNode();
+    void moveNode();
+    void moveRefused();
+    void renameAndExpand();
+    void menuStates();
+};
+
+// Top level 2, 3; 4 and 5 under 2; 6 under 4.
+static QString buildSmallTree(DbFixture &fx)
+{
+    const QString p = fx.fresh();
+    fx.addTop();
+    fx.addTop();
+    fx.addChildOf(2);
+    fx.addChildOf(2);
+    fx.addChildOf(4);
+    fx.select(0);
+    return p;
+}
+
+void TstTreeOps::addTopLevel()
+{
+    DbFixture fx;
+    const QString p = fx.fresh();
+    QCOMPARE(fx.addTop(), 0);
+    QCOMPARE(recordAt(p, 2).PrevRec, -1);
+    QCOMPARE(FirstRec(recordAt(p, 1)), 2);
+    fx.select(2);
+    QCOMPARE(fx.addTop(), 0);
+    QCOMPARE(recordAt(p, 2).NextRec, 3);
+    QCOMPARE(recordAt(p, 3).PrevRec, 2);
+    QCOMPARE(FirstRec(recordAt(p, 1)), 2);
+    QCOMPARE(fx.db.tree.Selected, NodeKeyText(2));   // the selection stays
+    // Bytes 0..1024 of the image are cleared for a new top-level item.
+    QCOMPARE(recordAt(p, 3).ParamImage.left(1025), QByteArray(1025, '\0'));
+    QCOMPARE(treeLines(fx.db.tree), QStringList({"2", "3"}));
+}
+
+void TstTreeOps::addChild()
+{
+    DbFixture fx;
+    const QString p = fx.fresh();
+    // No selection, empty tree: a top-level item that becomes the selection.
+    fx.select(0);
+    QCOMPARE(AddChild(fx.db), 0);
+    QCOMPARE(FirstRec(recordAt(p, 1)), 2);
+    QCOMPARE(fx.db.tree.Selected, NodeKeyText(2));
+    QVERIFY(NodeExpanded(FindNode(fx.db.tree, NodeKeyText(2))));
+
+    // First child, then a second that goes last with the old last as PrevRec.
+    QCOMPARE(fx.addChildOf(2), 0);
+    QCOMPARE(recordAt(p, 2).ChildRec, 3);
+    QCOMPARE(recordAt(p, 3).PrevRec, -1);
+    QCOMPARE(recordAt(p, 3).ParentRec, 2);
+    QCOMPARE(recordAt(p, 3).ParentKey, FixedText(NodeKeyText(2)));
+    QCOMPARE(fx.addChildOf(2), 0);
+    QCOMPARE(recordAt(p, 3).NextRec, 4);
+    QCOMPARE(recordAt(p, 4).PrevRec, 3);
+    QCOMPARE(recordAt(p, 2).ChildRec, 3);
+    QCOMPARE(fx.db.tree.Selected, NodeKeyText(2));
+
+    // No selection in a tree that has nodes: appended at the top level, the
+    // old chain kept.
+    fx.select(0);
+    QCOMPARE(AddChild(fx.db), 0);
+    QCOMPARE(FirstRec(recordAt(p, 1)), 2);
+    QCOMPARE(recordAt(p, 2).NextRec, 5);
+    QCOMPARE(recordAt(p, 5).PrevRec, 2);
+    QCOMPARE(treeLines(fx.db.tree), QStringList({"2", "  3", "  4", "5"}));
+
+    // A child keeps the image bytes last read into WorkRecord, byte 0 cleared.
+    fx.db.WorkRecord.ParamImage.fill('\x5A');
+    QCOMPARE(fx.addChildOf(5), 0);
+    const QByteArray img = recordAt(p, 6).ParamImage;
+    QCOMPARE(img.at(0), '\0');
+    QCOMPARE(img.mid(1), QByteArray(1025, '\x5A'));
+    QVERIFY(fx.prompter.shown.isEmpty());
+}
+
+void TstTreeOps::insertBefore()
+{
+    DbFixture fx;
+    const QString p = buildSmallTree(fx);
+    // No selection: the message, and the file is not touched.
+    const QByteArray before = fileBytes(p);
+    QCOMPARE(InsertBefore(fx.db), 1);
+    QCOMPARE(fx.prompter.shown, QStringList{"提示|没有选择节点！"});
+    QCOMPARE(fileBytes(p), before);
+
+    // Ahead of the first top-level item: FirstRec moves.
+    fx.select(2);
+    QCOMPARE(InsertBefore(fx.db), 0);
+    QCOMPARE(FirstRec(recordAt(p, 1)), 7);
+    QCOMPARE(recordAt(p, 7).NextRec, 2);
+    QCOMPARE(recordAt(p, 7).PrevRec, -1);
+    QCOMPARE(recordAt(p, 2).PrevRec, 7);
+    // Ahead of a first child: the parent's ChildRec moves.
+    fx.select(4);
+    QCOMPARE(InsertBefore(fx.db), 0);
+    QCOMPARE(recordAt(p, 2).ChildRec, 8);
+    QCOMPARE(recordAt(p, 8).ParentRec, 2);
+    QCOMPARE(recordAt(p, 8).ParentKey, FixedText(NodeKeyText(2)));
+    // Ahead of a middle item: the previous one's NextRec.
+    fx.select(5);
+    QCOMPARE(InsertBefore(fx.db), 0);
+    QCOMPARE(recordAt(p, 4).NextRec, 9);
+    QCOMPARE(recordAt(p, 9).PrevRec, 4);
+    QCOMPARE(recordAt(p, 9).NextRec, 5);
+    QCOMPARE(fx.db.tree.Selected, NodeKeyText(5));
+    const QStringList expected{"7", "2", "  8", "  4", "    6", "  9", "  5", "3"};
+    QCOMPARE(treeLines(fx.db.tree), expected);
+    LoadDb(fx.db, p);
+    QCOMPARE(treeLines(fx.db.tree), expected);
+}
+
+void TstTreeOps::deleteNode()
+{
+    DbFixture fx;
+    const QString p = buildSmallTree(fx);
+    // A deep subtree: 7 under 6, 8 under 7.
+    fx.addChildOf(6);
+    fx.addChildOf(7);
+    const qint64 length = QFileInfo(p).size();
+    const DbRecord deep = recordAt(p, 8);
+
+    fx.select(0);
+    QCOMPARE(DeleteNode(fx.db), 1);
+    QCOMPARE(fx.prompter.shown.last(), QStringLiteral("提示|没有选择节点！"));
+
+    fx.select(4);
+    QCOMPARE(DeleteNode(fx.db), 0);
+    QCOMPARE(QFileInfo(p).size(), length);
+    for (int n : {4, 6, 7, 8})
+        QCOMPARE(recordAt(p, n).Used, int16_t(0));
+    // Descendants lose nothing but Used.
+    DbRecord freed = recordAt(p, 8);
+    freed.Used = 1;
+    QCOMPARE(EncodeRecord(freed), EncodeRecord(deep));
+    // The deleted record itself is cleared.
+    const DbRecord s = recordAt(p, 4);
+    QCOMPARE(s.ParentRec, -1);
+    QCOMPARE(s.SelfRec, 0);
+    QCOMPARE(s.NodeKey, QByteArray(20, ' '));
+    QCOMPARE(s.Caption.at(0), '\0');
+    QCOMPARE(recordAt(p, 2).ChildRec, 5);
+    QCOMPARE(recordAt(p, 5).PrevRec, -1);
+    QCOMPARE(treeLines(fx.db.tree), QStringList({"2", "  5", "3"}));
+    QVERIFY(fx.db.tree.Selected.isEmpty());
+
+    // Reused lowest number first, and the file keeps its length.
+    for (int expected : {4, 6, 7, 8, 9}) {
+        fx.select(3);
+        QCOMPARE(AddChild(fx.db), 0);
+        QCOMPARE(recordAt(p, expected).Used, int16_t(1));
+        QCOMPARE(recordAt(p, expected).ParentRec, 3);
+    }
+    QCOMPARE(QFileInfo(p).size(), length + 2790);
+
+    // Last child, middle and first top-level item, then the only one.
+    fx.select(9);
+    QCOMPARE(DeleteNode(fx.db), 0);
+    QCOMPARE(recordAt(p, 8).NextRec, 0);
+    fx.select(6);
+    QCOMPARE(DeleteNode(fx.db), 0);
+    QCOMPARE(recordAt(p, 4).NextRec, 7);
+    QCOMPARE(recordAt(p, 7).PrevRec, 4);
+    fx.select(2);
+    QCOMPARE(DeleteNode(fx.db), 0);
+    QCOMPARE(FirstRec(recordAt(p, 1)), 3);
+    QCOMPARE(recordAt(p, 3).PrevRec, -1);
+    fx.select(3);
+    QCOMPARE(DeleteNode(fx.db), 0);
+    QCOMPARE(FirstRec(recordAt(p, 1)), -1);
+    QCOMPARE(NodeCount(fx.db.tree), 0);
+    QCOMPARE(QFileInfo(p).size(), length + 2790);
+    QVERIFY(CheckDb(p).isEmpty());
+}
+
+void TstTreeOps::moveNode()
+{
+    DbFixture fx;
+    const QString p = buildSmallTree(fx);
+    const QByteArray child6 = EncodeRecord(recordAt(p, 6));
+
+    // Mark 4 (with its child 6), move it ahead of 3 at the top level.
+    fx.select(4);
+    MarkCutNode(fx.db);
+    QCOMPARE(fx.db.CutIndex, 4);
+    QVERIFY(fx.db.Medite.MnodePast.enabled);
+    QCOMPARE(treeLines(fx.db.tree).size(), 5);   // the tree does not change yet
+    fx.select(3);
+    QCOMPARE(PasteCutNode(fx.db), 0);
+    QVERIFY(!fx.db.Medite.MnodePast.enabled);
+    QCOMPARE(fx.db.CutIndex, 4);
+    const QStringList moved{"2", "  5", "4", "  6", "3"};
+    QCOMPARE(treeLines(fx.db.tree), moved);
+    const DbRecord r4 = recordAt(p, 4);
+    QCOMPARE(r4.Used, int16_t(1));
+    QCOMPARE(r4.ParentRec, -1);
+    QCOMPARE(r4.ParentKey, QByteArray(20, ' '));
+    QCOMPARE(r4.NodeKey, FixedText(NodeKeyText(4)));
+    QCOMPARE(r4.ChildRec, 6);
+    QCOMPARE(EncodeRecord(recordAt(p, 6)), child6);   // not a single write to the child
+    QCOMPARE(recordAt(p, 2).ChildRec, 5);
+    QCOMPARE(recordAt(p, 5).PrevRec, -1);
+    QVERIFY(CheckDb(p).isEmpty());
+    LoadDb(fx.db, p);
+    QCOMPARE(treeLines(fx.db.tree), moved);
+
+    // Ahead of the first top-level item, then ahead of a first child.
+    fx.select(3);
+    MarkCutNode(fx.db);
+    fx.select(2);
+    QCOMPARE(PasteCutNode(fx.db), 0);
+    QCOMPARE(FirstRec(recordAt(p, 1)), 3);
+    fx.select(4);
+    MarkCutNode(fx.db);
+    fx.select(5);
+    QCOMPARE(PasteCutNode(fx.db), 0);
+    QCOMPARE(recordAt(p, 2).ChildRec, 4);
+    QCOMPARE(recordAt(p, 4).ParentKey, FixedText(NodeKeyText(2)));
+    QCOMPARE(treeLines(fx.db.tree), QStringList({"3", "2", "  4", "    6", "  5"}));
+    QVERIFY(CheckDb(p).isEmpty());
+    QVERIFY(fx.prompter.shown.isEmpty());
+
+    // An editing item forgets the mark.
+    fx.select(5);
+    MarkCutNode(fx.db);
+    QVERIFY(fx.db.Medite.MnodePast.enabled);
+    fx.addChildOf(3);
+    QVERIFY(!fx.db.Medite.MnodePast.enabled);
+    QCOMPARE(fx.db.CutIndex, -1);
+}
+
+void TstTreeOps::moveRefused()
+{
+    DbFixture fx;
+    const QString p = buildSmallTree(fx);
+    const QByteArray before = fileBytes(p);
+    // Onto itself, and ahead of its own child and grandchild.
+    for (int target : {2, 4, 6}) {
+        fx.select(2);
+        MarkCutNode(fx.db);
+        fx.select(target);
+        fx.prompter.shown.clear();
+        QCOMPARE(PasteCutNode(fx.db), 1);
+        QCOMPARE(fx.prompter.shown, QStringList{"提示|" + kMsgMoveIntoSelf});
+        QCOMPARE(fileBytes(p), before);
+    }
+    // No target, no mark.
+    fx.select(0);
+    fx.prompter.shown.clear();
+    QCOMPARE(MoveCutNode(fx.db), 1);
+    MarkCutNode(fx.db);
+    QCOMPARE(fx.prompter.shown, QStringList({"提示|没有选择节点！", "提示|没有选择节点！"}));
+    fx.db.CutIndex = -1;
+    fx.select(3);
+    QCOMPARE(MoveCutNode(fx.db), 1);
+    QCOMPARE(fileBytes(p), before);
+    QCOMPARE(treeLines(fx.db.tree).size(), 5);
+}
+
+void TstTreeOps::renameAndExpand()
+{
+    DbFixture fx;
+    const QString p = buildSmallTree(fx);
+    fx.select(4);
+    BeginRename(fx.db);
+    fx.select(5);   // the edit goes to the node it began on
+    const QString longTitle = QString(25, QChar(0x4EA7));   // 50 GBK bytes
+    QCOMPARE(RenameNode(fx.db, longTitle), 0);
+    QCOMPARE(UnpackField(recordAt(p, 4).Caption, QString(), 40), QString(20, QChar(0x4EA7)));
+    QCOMPARE(FindNode(fx.db.tree, NodeKeyText(4))->text(), longTitle);
+    // The word of the binary mode is a title like any other.
+    fx.select(5);
+    QCOMPARE(RenameNode(fx.db, QStringLiteral("BinArray")), 0);
+    QCOMPARE(UnpackField(recordAt(p, 5).Caption, QString(), 40), QStringLiteral("BinArray"));
+    QCOMPARE(recordAt(p, 5).ParamImage.left(8), QByteArray(8, '\0'));
+    QCOMPARE(RenameNode(fx.db, QString()), 0);
+    QCOMPARE(recordAt(p, 5).Caption.at(0), '\0');
+
+    // Expanding changes only that record's Expanded.
+    QByteArray before = fileBytes(p);
+    QCOMPARE(SetExpanded(fx.db, NodeKeyText(4), false), 0);
+    QByteArray after = fileBytes(p);
+    const int at = 3 * 2790 + 106;
+    QCOMPARE(after.mid(at, 2), QByteArray("\0\0", 2));
+    after.replace(at, 2, before.mid(at, 2));
+    QCOMPARE(after, before);
+    QCOMPARE(SetExpanded(fx.db, NodeKeyText(4), true), 0);
+    QCOMPARE(recordAt(p, 4).Expanded, int16_t(-1));
+    // While an operation runs the events write nothing.
+    before = fileBytes(p);
+    fx.db.TreeBusy = true;
+    SetExpanded(fx.db, NodeKeyText(4), false);
+    fx.db.TreeBusy = false;
+    QCOMPARE(fileBytes(p), before);
+    LoadDb(fx.db, p);
+    QVERIFY(NodeExpanded(FindNode(fx.db.tree, NodeKeyText(4))));
+    QVERIFY(fx.prompter.shown.isEmpty());
+}
+
+void TstTreeOps::menuStates()
+{
+    DbFixture fx;
+    QVERIFY(!TreeMouseUp(fx.db));   // no database, no popup
+    QVERIFY(!fx.db.Medite.MnodePast.enabled);
+    QVERIFY(!fx.db.Medite.MPaseteData.enabled);
+    QVERIFY(!fx.db.Medite.MDeleData.visible);
+    fx.fresh();
+    QVERIFY(TreeMouseUp(fx.db));
+    QVERIFY(!fx.db.Medite.Minsertback.enabled);
+    QVERIFY(!fx.db.Medite.Mdelect.enabled);
+    fx.addTop();
+    QVERIFY(TreeMouseUp(fx.db));
+    QVERIFY(fx.db.Medite.Minsertback.enabled);
+    QVERIFY(fx.db.Medite.Mdelect.enabled);
+    QVERIFY(!fx.db.TreeBusy);
+}
+
+QTEST_GUILESS_MAIN(TstTreeOps)
+#include "tst_treeops.moc"
