@@ -307,41 +307,43 @@ void handleRequest(SimBoard &b, const QByteArray &req)
 
 // Takes whole requests off the front of the buffer. With the gap passed, a
 // half frame at the front is given up one byte at a time, so that a good frame
-// behind it still comes through.
+// behind it still comes through. Works on an offset and cuts the buffer once.
 void parse(SimBoard &b, bool gapPassed)
 {
-    QByteArray &rx = b.rx;
-    while (!rx.isEmpty()) {
-        if (uint8_t(rx[0]) != kFrameAddress) {
-            int next = int(rx.indexOf(char(kFrameAddress)));
+    const QByteArray rx = b.rx;
+    int at = 0;
+    QList<QByteArray> frames;
+    while (at < rx.size()) {
+        if (uint8_t(rx[at]) != kFrameAddress) {
+            int next = int(rx.indexOf(char(kFrameAddress), at));
             if (next < 0)
                 next = int(rx.size());
-            b.droppedBytes += next;
-            rx.remove(0, next);
+            b.droppedBytes += next - at;
+            at = next;
             continue;
         }
-        const int need = simRequestLength(rx);
-        if (need < 0) {
-            ++b.droppedBytes;
-            rx.remove(0, 1);
-            continue;
-        }
-        if (need == 0 || rx.size() < need) {
+        const QByteArray rest = QByteArray::fromRawData(rx.constData() + at, rx.size() - at);
+        const int need = simRequestLength(rest);
+        if (need == 0 || (need > 0 && rest.size() < need)) {
             if (!gapPassed)
-                return;
+                break;
             ++b.droppedBytes;
-            rx.remove(0, 1);
+            ++at;
             continue;
         }
-        const QByteArray frame = rx.left(need);
-        if (!FrameCrcOk(frame)) {
+        if (need < 0 || !FrameCrcOk(rest.left(need))) {
             ++b.droppedBytes;
-            rx.remove(0, 1);
+            ++at;
             continue;
         }
-        rx.remove(0, need);
-        handleRequest(b, frame);
+        frames << rx.mid(at, need);
+        at += need;
     }
+    b.rx.remove(0, at);
+    // Answered after the cut, so that a hook that feeds the board again finds
+    // the buffer as it should be.
+    for (const QByteArray &f : frames)
+        handleRequest(b, f);
 }
 
 } // namespace
