@@ -1,0 +1,92 @@
+#include "burn.h"
+#include "infoblock.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace pyro;
+
+namespace {
+QByteArray readAll(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+const QString kRule(94, QLatin1Char('='));
+} // namespace
+
+class TstRecords : public QObject {
+    Q_OBJECT
+private slots:
+    void fileName_data();
+    void fileName();
+    void appendsInGbk();
+    void defaultFolderAndFailures();
+};
+
+void TstRecords::fileName_data()
+{
+    QTest::addColumn<QDate>("day");
+    QTest::addColumn<QString>("name");
+    QTest::newRow("no leading zeros") << QDate(2026, 1, 5) << "2026.1.5(K0).Txt";
+    QTest::newRow("two digits") << QDate(2026, 11, 23) << "2026.11.23(K0).Txt";
+    QTest::newRow("new year's eve") << QDate(2025, 12, 31) << "2025.12.31(K0).Txt";
+}
+
+void TstRecords::fileName()
+{
+    QFETCH(QDate, day);
+    QFETCH(QString, name);
+    QCOMPARE(RecordFileName(day), name);
+}
+
+// Two closings on one day: one file, two entries; a closing after midnight
+// goes whole into the new day's file. The folder is made when missing.
+void TstRecords::appendsInGbk()
+{
+    QTemporaryDir tmp;
+    const QString folder = tmp.filePath("deep/ProRecord(K0)");
+    const QString log = "2026-11-23 09:30:00 Downloading the：1 (chip)\r\n"
+                        "2026-11-23 09:30:09 Has been successfully burning：1 (chip) /bench/固件.BIN\r\n";
+    const QDateTime first(QDate(2026, 11, 23), QTime(9, 31, 2));
+    QVERIFY(AppendBurnRecord(folder, first, log));
+    QVERIFY(AppendBurnRecord(folder, first.addSecs(3600), QString()));
+    const QByteArray bytes = readAll(folder + "/2026.11.23(K0).Txt");
+    const QString expected = "2026/11/23 9:31:02" + kRule + "\r\n" + log + "\r\n"
+        + "2026/11/23 10:31:02" + kRule + "\r\n" + "\r\n";
+    QCOMPARE(fromGbk(bytes), expected);
+    QCOMPARE(bytes, toGbk(expected));
+    QVERIFY(bytes.contains(QByteArray::fromHex("b9ccbcfe")));   // 固件 in GBK
+    QVERIFY(!bytes.contains(QByteArray("固件")));               // not UTF-8
+
+    QVERIFY(AppendBurnRecord(folder, QDateTime(QDate(2026, 11, 24), QTime(0, 0, 5)), log));
+    QVERIFY(fromGbk(readAll(folder + "/2026.11.24(K0).Txt")).endsWith(log + "\r\n"));
+    QCOMPARE(readAll(folder + "/2026.11.23(K0).Txt"), bytes);
+}
+
+void TstRecords::defaultFolderAndFailures()
+{
+    QTemporaryDir home;
+    const QByteArray oldHome = qgetenv("HOME");
+    qputenv("HOME", QFile::encodeName(home.path()));
+    Link l;
+    l.now = [] { return QDateTime(QDate(2026, 1, 5), QTime(8, 0, 0)); };
+    l.view.RTB = "2026-01-05 08:00:00 Cancel program\r\n";
+#ifndef Q_OS_WIN
+    QCOMPARE(RecordFolder(), home.path() + "/ProRecord(K0)");
+#endif
+    QVERIFY(WriteBurnRecord(l));
+    QVERIFY(fromGbk(readAll(home.path() + "/ProRecord(K0)/2026.1.5(K0).Txt")).endsWith(l.view.RTB + "\r\n"));
+
+    // A folder that can't be made: nothing written, nothing thrown.
+    QFile blocker(home.filePath("file"));
+    QVERIFY(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    QVERIFY(!AppendBurnRecord(home.filePath("file/ProRecord(K0)"), l.now(), l.view.RTB));
+    qputenv("HOME", oldHome);
+}
+
+QTEST_GUILESS_MAIN(TstRecords)
+#include "tst_records.moc"
