@@ -170,7 +170,7 @@ double LeadingNumber(const QString &text, int *used)
         // Out of the double range: toDouble() refuses; keep the sign of the
         // overflow so that range checks refuse the number too.
         const bool neg = ascii.startsWith('-');
-        const int e = ascii.indexOf('E');
+        const int e = int(ascii.toUpper().indexOf('E'));
         const bool tiny = e >= 0 && ascii.mid(e + 1).startsWith('-');
         v = tiny ? 0.0 : (neg ? -HUGE_VAL : HUGE_VAL);
     }

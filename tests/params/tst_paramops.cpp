@@ -573,8 +573,8 @@ void TstParamOps::deviceInfo()
     want.DateUpdated = "261119";
     want.OrderId = QStringLiteral("订单A-42");
     want.RemarkStamp = QStringLiteral("K700操作员");
-    b.info = BitInfToBytes(want);
-    QCOMPARE(b.info.size(), kBitInfSize);
+    b.info = writeBitInfRec(want);
+    QCOMPARE(b.info.size(), kInfoSize);
     QCOMPARE(toHexLine(b.info.left(4)), QByteArray("D2 04 FF FF"));
 
     int shown = 0;
@@ -599,7 +599,7 @@ void TstParamOps::deviceInfo()
     QCOMPARE(b.ops.BitInf.OrderId, QStringLiteral("订单A-42").leftJustified(30 - 2, ' '));
     QCOMPARE(b.ops.BitInf.RemarkStamp, QStringLiteral("K700操作员"));
     QCOMPARE(b.link.view.NotesTxt[5], b.ops.BitInf.OrderId);
-    QCOMPARE(BitInfToBytes(b.ops.BitInf), b.info);
+    QCOMPARE(writeBitInfRec(b.ops.BitInf), b.info);
     b.ticks(5);
     QCOMPARE(shown, 1);
 
@@ -731,7 +731,7 @@ void TstParamOps::badReplies()
     } else {
         QVERIFY(b.runMode(uint8_t(mode)));
         QCOMPARE(b.params.SetImage.size(), 45);
-        QCOMPARE(b.ops.BitInfBytes.size(), kBitInfSize);
+        QCOMPARE(b.ops.BitInfBytes.size(), kInfoSize);
     }
     if (!panel2.isEmpty())
         QCOMPARE(b.link.view.SB[2], panel2);
