@@ -78,7 +78,7 @@ QByteArray WriteSettingsBody(int16_t blockSize, uint8_t flag, const QByteArray &
 
 QByteArray ReadInfoBody()
 {
-    return le32(kBitInfAddr) + le16(kBitInfSize);
+    return le32(kBitInfAddr) + le16(kInfoSize);
 }
 
 QByteArray DisplayAddressBody()
@@ -205,8 +205,9 @@ void DeviceInfoStep(ParamOps &ops)
             finish(l);
             break;
         }
-        copyReplyData(l, ops.BitInfBytes, kBitInfSize);
-        ops.BitInf = BitInfFromBytes(ops.BitInfBytes);
+        // A short reply leaves the bytes it lacks as they were.
+        copyReplyData(l, ops.BitInfBytes, kInfoSize);
+        readBitInfRec(ops.BitInfBytes, 0, &ops.BitInf);
         l.view.NotesTxt[5] = ops.BitInf.OrderId;
         ++ops.infoReads;
         // Judged once: while the window is open the word says so, and a tick

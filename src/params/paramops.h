@@ -1,6 +1,9 @@
 #pragma once
-#include "devinfo.h"
 #include "link.h"
+// The information block's record and layout belong to the firmware image;
+// the burn library, which links this one, builds it, and every program that
+// runs these operations links both.
+#include "../burn/infoblock.h"
 
 #include <QByteArray>
 #include <cstdint>
@@ -13,6 +16,7 @@ struct Params;
 // Device addresses and fixed bytes of the parameter frames.
 constexpr uint32_t kSettingsReadAddr = 0x08002800;    // first settings page in flash
 constexpr uint32_t kSettingsWriteAddr = 0x20000110;   // the device's working copy
+constexpr uint32_t kBitInfAddr = 0x08002400;          // the information block in flash
 constexpr uint32_t kDisplayAddrFloor = 0x20000000;    // an address must lie above it
 constexpr uint8_t kWriteFlagUpdate = 0x00;
 constexpr uint8_t kWriteFlagSave = 0xAA;
@@ -33,7 +37,7 @@ struct ParamOps {
     Params *params = nullptr;
 
     int32_t DisplayAddr = 0;
-    QByteArray BitInfBytes = QByteArray(kBitInfSize, ' ');   // as last read, raw
+    QByteArray BitInfBytes = QByteArray(kInfoSize, ' ');   // as last read, raw
     BitInfRec BitInf;
 
     // Which grid the window shows in front: 0 settings, 1 running values.
