@@ -1,1 +1,276 @@
-int main(){}
+#include "burnbench.h"
+#include "infoblock.h"
+#include "params.h"
+
+#include <QtTest>
+
+using namespace pyro;
+
+namespace {
+
+// Remembers where the dialog was asked to start.
+class DialogPrompter : public ScriptedPrompter {
+public:
+    QString startDir, filter;
+    QString openFile(const QString &title, const QString &f, const QString &start) override
+    {
+        startDir = start;
+        filter = f;
+        return ScriptedPrompter::openFile(title, f, start);
+    }
+};
+
+} // namespace
+
+class TstFirmware : public QObject {
+    Q_OBJECT
+private slots:
+    void infoBlockLayout();
+    void dateUpdated_data();
+    void dateUpdated();
+    void prepareResults_data();
+    void prepareResults();
+    void stampAndRestamp();
+    void currSet();
+    void loadFile();
+    void programNeedsPortAndFile();
+};
+
+// Byte by byte: FF FF | FF FF | date 6 | order 30 | remark 10, texts in GBK.
+void TstFirmware::infoBlockLayout()
+{
+    BitInfRec r;
+    r.DateUpdated = "2615";
+    r.OrderId = "订单A-1";
+    r.RemarkStamp = "K700操作员";
+    const QByteArray blk = writeBitInfRec(r);
+    QCOMPARE(blk.size(), 50);
+    QCOMPARE(blk.left(4), QByteArray::fromHex("FFFFFFFF"));
+    QCOMPARE(blk.mid(4, 6), QByteArray("2615  "));
+    QCOMPARE(blk.mid(10, 30), (toGbk("订单A-1") + QByteArray(23, ' ')));
+    QCOMPARE(blk.mid(40, 10).toHex(), QByteArray("4b373030b2d9d7f7d4b1"));
+    BitInfRec back;
+    QVERIFY(readBitInfRec(QByteArray(1024, 'x') + blk, 1024, &back));
+    QCOMPARE(back.DeviceId, int16_t(-1));
+    QCOMPARE(back.DateUpdated, QString("2615  "));
+    QCOMPARE(back.RemarkStamp, QString("K700操作员"));
+    QVERIFY(!readBitInfRec(QByteArray(1024, 'x') + blk.left(49), 1024, &back));
+    QVERIFY(!readBitInfRec(blk, -1, &back));
+
+    // Sixteen double-byte characters don't fit 30 bytes: cut whole, never split.
+    r.OrderId = QString(16, QChar(0x8BA2));   // 订
+    QCOMPARE(writeBitInfRec(r).mid(10, 30), toGbk(QString(15, QChar(0x8BA2))));
+    r.OrderId = "A" + QString(15, QChar(0x8BA2));
+    QCOMPARE(writeBitInfRec(r).mid(10, 30), toGbk("A" + QString(14, QChar(0x8BA2))) + ' ');
+    r.DeviceId = 0x1234;
+    QCOMPARE(writeBitInfRec(r).left(2), QByteArray::fromHex("3412"));
+}
+
+void TstFirmware::dateUpdated_data()
+{
+    QTest::addColumn<QDate>("day");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("19 Nov 2026") << QDate(2026, 11, 19) << "261119";
+    QTest::newRow("5 Jan 2026") << QDate(2026, 1, 5) << "2615";
+    QTest::newRow("31 Dec 2099") << QDate(2099, 12, 31) << "991231";
+    QTest::newRow("1 Oct 2030") << QDate(2030, 10, 1) << "30101";
+}
+
+void TstFirmware::dateUpdated()
+{
+    QFETCH(QDate, day);
+    QFETCH(QString, text);
+    QCOMPARE(dateUpdatedText(day), text);
+}
+
+void TstFirmware::prepareResults_data()
+{
+    QTest::addColumn<int>("len");           // -1: no file
+    QTest::addColumn<QByteArray>("block");  // the first bytes of the block
+    QTest::addColumn<bool>("keep");
+    QTest::addColumn<int>("result");
+    QTest::addColumn<QString>("reason");
+    const QByteArray blank = QByteArray::fromHex("FFFF");
+    QTest::newRow("no file") << -1 << blank << false << 3 << " No such file：";
+    QTest::newRow("empty file") << 0 << blank << false << 1 << " Image too short：0(Byte), the information block needs 1074(Byte)";
+    QTest::newRow("block cut short") << 1073 << blank << false << 1 << " Image too short：1073(Byte)";
+    QTest::newRow("smallest") << 1074 << blank << false << 0 << "";
+    QTest::newRow("largest") << 32767 << blank << false << 0 << "";
+    QTest::newRow("one byte too long") << 32768 << blank << false << 4 << " Image too long：32768(Byte), at most 32767(Byte)";
+    QTest::newRow("far too long") << 200000 << blank << false << 4 << " Image too long：200000(Byte)";
+    QTest::newRow("stamped before") << 5000 << QByteArray::fromHex("FFFF0102") << false << 0 << "";
+    QTest::newRow("not blank") << 5000 << QByteArray::fromHex("0100") << false << 1 << " Information block not blank：Device ID 1";
+    QTest::newRow("half blank") << 5000 << QByteArray::fromHex("FF00") << false << 1 << " Information block not blank：Device ID 255";
+    QTest::newRow("KeepInF, short") << 4095 << blank << true << 5 << " KeepInF needs an image of at least 4096(Byte)";
+    QTest::newRow("KeepInF, enough") << 4096 << blank << true << 0 << "";
+}
+
+void TstFirmware::prepareResults()
+{
+    QFETCH(int, len);
+    QFETCH(QByteArray, block);
+    QFETCH(bool, keep);
+    QFETCH(int, result);
+    QFETCH(QString, reason);
+    QTemporaryDir dir;
+    QByteArray img = testImage(std::max(len, 0));
+    if (len >= 1024 + block.size())
+        img.replace(1024, block.size(), block);
+    const QString path = len < 0 ? dir.filePath("missing.BIN") : writeFile(dir, "image.BIN", img);
+
+    BurnBench b;
+    b.link.view.Check1[1] = keep;
+    QString why;
+    QCOMPARE(int(PrepareImage(b.link, b.burn, path, &why)), result);
+    QVERIFY2(reason.isEmpty() ? why.isEmpty() : why.startsWith(reason), qPrintable(why));
+    if (result == 0) {
+        QCOMPARE(b.burn.BinLen, len);
+        QCOMPARE(b.burn.BinData.size(), len + 1);
+        QCOMPARE(b.burn.BinData.back(), '\0');
+    }
+
+    // Through the Program button: the same refusal in the log, no burn.
+    b.responder = [](const QByteArray &r) { return obligingDevice(r, QByteArray(12, '\x5A')); };
+    b.open();
+    ChooseFile(b.link, b.burn, path);
+    Command4Click(b.link, b.burn);
+    if (result == 0) {
+        QVERIFY(b.burning());
+    } else {
+        QVERIFY(!b.burning());
+        QCOMPARE(b.link.ModeRequest, uint8_t(0));
+        QVERIFY(b.link.view.RTB.contains(" File open error \r\n2026-11-23 09:30:00" + reason));
+    }
+}
+
+// The stamp: only the 50 bytes at 1024 change; a stamped file prepares again.
+void TstFirmware::stampAndRestamp()
+{
+    QTemporaryDir dir;
+    const QByteArray img = testImage(3000);
+    const QString path = writeFile(dir, "image.BIN", img);
+    BurnBench b;
+    b.link.view.NotesTxt[5] = "ORDER-2026-0042";
+    QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(0));
+    QByteArray expect = img;
+    expect.replace(1024, 50, QByteArray::fromHex("FFFFFFFF") + "261123" + QByteArray("ORDER-2026-0042").leftJustified(30, ' ')
+                   + QByteArray::fromHex("4b373030b2d9d7f7d4b1"));
+    QCOMPARE(b.burn.BinData.left(3000), expect);
+
+    // Saved stamped and prepared on another day: the new date wins.
+    const QString again = writeFile(dir, "stamped.BIN", b.burn.BinData.left(3000));
+    b.link.now = [] { return QDateTime(QDate(2027, 2, 3), QTime(7, 0)); };
+    b.link.view.NotesTxt[5] = QString(40, 'x');
+    QCOMPARE(PrepareImage(b.link, b.burn, again), int16_t(0));
+    QCOMPARE(b.burn.BinData.mid(1028, 6), QByteArray("2723  "));
+    QCOMPARE(b.burn.BinData.mid(1034, 30), QByteArray(30, 'x'));
+    b.link.view.NotesTxt[5].clear();
+    QCOMPARE(PrepareImage(b.link, b.burn, again), int16_t(0));
+    QCOMPARE(b.burn.BinData.mid(1034, 30), QByteArray(30, ' '));
+}
+
+// CurrSet: the stamped settings block goes to 2048 and 3072.
+void TstFirmware::currSet()
+{
+    QTemporaryDir dir;
+    const QByteArray img = testImage(5000);
+    const QString path = writeFile(dir, "image.BIN", img);
+    BurnBench b;
+    b.link.view.Check1[2] = true;
+    QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(2));   // no parameter engine
+
+    Params p;
+    p.Tables[0].BlockSize = 100;
+    p.SetImage = QByteArray(101, '\x33');
+    putLe32(p.SetImage, kImageLengthAt, 100 - 32);
+    b.burn.params = &p;
+    QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(0));
+    QCOMPARE(CheckImage(p.SetImage, p.Tables[0]), int16_t(0));
+    QCOMPARE(b.burn.BinData.mid(2048, 100), p.SetImage.left(100));
+    QCOMPARE(b.burn.BinData.mid(3072, 100), p.SetImage.left(100));
+    QCOMPARE(b.burn.BinData.mid(2148, 924), img.mid(2148, 924));
+    QCOMPARE(b.burn.BinData.mid(3172), img.mid(3172) + '\0');
+
+    putLe32(p.SetImage, kImageLengthAt, 5);     // a length that doesn't fit the table
+    QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(2));
+    putLe32(p.SetImage, kImageLengthAt, 100 - 32);
+    QCOMPARE(PrepareImage(b.link, b.burn, writeFile(dir, "short.BIN", testImage(3100))), int16_t(2));
+    b.link.view.Check1[2] = false;
+    QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(0));
+    QCOMPARE(b.burn.BinData.left(5000).mid(2048), img.mid(2048));
+}
+
+// Load File: the dialog, its start folder, the log lines, Program enabled or not.
+void TstFirmware::loadFile()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, "image.BIN", testImage(2500));
+    BurnBench b;
+    DialogPrompter dp;
+    b.link.prompter = &dp;
+    b.link.view.NotesTxt[2] = path;
+    dp.files << path;
+    Command3Click(b.link, b.burn);
+    QCOMPARE(dp.startDir, dir.path());
+    QCOMPARE(dp.filter, QString("File(*.BIN)|*.BIN"));
+    QCOMPARE(b.link.BinPath, path);
+    QCOMPARE(b.burn.BinLen, 2500);
+    QVERIFY(b.link.view.Command4Enabled);
+    QVERIFY(!b.link.view.Command3Enabled);   // the tick gives it back while the port is open
+    QCOMPARE(b.link.view.RTB, "2026-11-23 09:30:00 File path：" + path + "\r\n"
+                                  "2026-11-23 09:30:00 File size：2500(Byte)\r\n");
+    QCOMPARE(b.link.view.InfLab, path);
+
+    // A file that can't be opened ends the click: path and Program stay.
+    dp.files << dir.filePath("gone.BIN");
+    Command3Click(b.link, b.burn);
+    QCOMPARE(b.link.BinPath, path);
+    QCOMPARE(b.burn.BinLen, 0);
+    QVERIFY(b.link.view.Command4Enabled);
+    QVERIFY(b.link.view.Command3Enabled);
+
+    // A cancelled dialog forgets the good choice; so does a name of 5 characters.
+    b.link.view.NotesTxt[2] = dir.filePath("nothing-here.BIN");
+    Command3Click(b.link, b.burn);
+    QCOMPARE(dp.startDir, QString());
+    QVERIFY(b.link.BinPath.isEmpty());
+    QCOMPARE(b.burn.BinLen, 0);
+    QVERIFY(!b.link.view.Command4Enabled);
+    dp.files << path;
+    Command3Click(b.link, b.burn);
+    dp.files << "a.BIN";
+    Command3Click(b.link, b.burn);
+    QVERIFY(b.link.BinPath.isEmpty());
+    QVERIFY(!b.link.view.Command4Enabled);
+    QCOMPARE(int(b.link.view.RTB.count("File path")), 2);
+}
+
+// Program with the port closed resets the strip only; with a file gone missing
+// it logs the refusal.
+void TstFirmware::programNeedsPortAndFile()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, "image.BIN", testImage(2500));
+    BurnBench b;
+    ChooseFile(b.link, b.burn, path);
+    const QString log = b.link.view.RTB;
+    b.link.view.PersLabVisible = true;
+    Command4Click(b.link, b.burn);
+    QVERIFY(!b.burning());
+    QVERIFY(!b.link.view.PersLabVisible);
+    QCOMPARE(b.link.view.RTB, log);
+    b.tick();
+    QVERIFY(!b.link.view.Command3Enabled);
+    QVERIFY(!b.link.view.Command4Enabled);
+
+    b.open();
+    b.tick();
+    QVERIFY(b.link.view.Command3Enabled);
+    QFile::remove(path);
+    Command4Click(b.link, b.burn);
+    QVERIFY(!b.burning());
+    QVERIFY(b.link.view.RTB.endsWith(" File open error \r\n2026-11-23 09:30:00 No such file：" + path + "\r\n"));
+}
+
+QTEST_GUILESS_MAIN(TstFirmware)
+#include "tst_firmware.moc"
