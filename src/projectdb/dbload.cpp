@@ -40,8 +40,8 @@ DbRecord NewHeader(const QDateTime &when)
     FirstRec(h) = -1;
     h.PrevRec = h.NextRec = h.ChildRec = 0;
     h.SelfRec = 1;
-    AuthorLine(h) = FixedText(kAuthorLine);
-    MagicLine(h) = FixedText(kMagicLine);
+    AuthorLine(h) = PadFixedText(kAuthorLine);
+    MagicLine(h) = PadFixedText(kMagicLine);
     const QString stamp = StampText(when);
     PackField(CreatedText(h), stamp, QString(), kFunctionLimit);
     PackField(OpenedText(h), stamp, QString(), kProgramLimit);

@@ -116,7 +116,7 @@ QString FromGbk(const QByteArray &bytes)
     return dec.isValid() ? QString(dec(bytes)) : QString::fromLatin1(bytes);
 }
 
-QByteArray FixedText(const QString &text)
+QByteArray PadFixedText(const QString &text)
 {
     QByteArray b = ToGbk(text).left(rec::FixedWidth);
     b.append(QByteArray(rec::FixedWidth - b.size(), ' '));

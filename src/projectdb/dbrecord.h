@@ -99,7 +99,7 @@ QByteArray ToGbk(const QString &text);
 QString FromGbk(const QByteArray &bytes);
 
 // A 20-byte fixed text: GBK, cut to 20 bytes, blanks to the right.
-QByteArray FixedText(const QString &text);
+QByteArray PadFixedText(const QString &text);
 QString ReadFixedText(const QByteArray &field);
 
 // The text without any blank and any NUL character.

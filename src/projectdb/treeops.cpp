@@ -66,7 +66,7 @@ void buildNewItem(ProjectDb &db, int32_t no, bool clearImage)
     w.Used = 1;
     w.ChildRec = 0;
     w.SelfRec = no;
-    w.NodeKey = FixedText(NodeKeyText(no));
+    w.NodeKey = PadFixedText(NodeKeyText(no));
     PackField(w.Caption, kNewCaption, db.LoginKey, kCaptionLimit);
     w.Reserved1 = 0;
     w.Expanded = 1;

@@ -33,8 +33,8 @@ void TstDbFile::recordOffsets()
     r.NextRec = 0x11121314;
     r.ChildRec = 0x21222324;
     r.SelfRec = 0x31323334;
-    r.ParentKey = FixedText(QStringLiteral("PK"));
-    r.NodeKey = FixedText(NodeKeyText(12));
+    r.ParentKey = PadFixedText(QStringLiteral("PK"));
+    r.NodeKey = PadFixedText(NodeKeyText(12));
     r.Caption[0] = 'C';
     r.Reserved1 = 0x4142;
     r.Expanded = -1;
@@ -258,7 +258,7 @@ void TstDbFile::stripPadding()
     QCOMPARE(StripPadding(QStringLiteral(" a b") + QChar(0) + QStringLiteral("c  ")), QStringLiteral("abc"));
     QCOMPARE(NodeKeyText(12), QStringLiteral(" 12key              "));
     QCOMPARE(ReadFixedText(QByteArray("ab\0cd", 5)), QStringLiteral("ab"));
-    QCOMPARE(FixedText(QString(30, 'x')).size(), 20);
+    QCOMPARE(PadFixedText(QString(30, 'x')).size(), 20);
 }
 
 void TstDbFile::createAndLoad()
@@ -317,7 +317,7 @@ void TstDbFile::loadHeaderVariants()
 
     // MagicLine is never read; AuthorLine padded with NULs still matches.
     DbRecord h = recordAt(p, 1);
-    MagicLine(h) = FixedText(QStringLiteral("anything at all"));
+    MagicLine(h) = PadFixedText(QStringLiteral("anything at all"));
     AuthorLine(h) = ToGbk(kAuthorLine) + QByteArray(20 - ToGbk(kAuthorLine).size(), '\0');
     putRecordAt(p, 1, h);
     fx.prompter.shown.clear();
@@ -326,7 +326,7 @@ void TstDbFile::loadHeaderVariants()
     QCOMPARE(NodeCount(fx.db.tree), 1);
 
     // Another AuthorLine: a file of another kind, the tree emptied.
-    AuthorLine(h) = FixedText(QStringLiteral("作者：Someone"));
+    AuthorLine(h) = PadFixedText(QStringLiteral("作者：Someone"));
     putRecordAt(p, 1, h);
     QCOMPARE(LoadDb(fx.db, p), int16_t(1));
     QCOMPARE(fx.prompter.shown, QStringList{"提示|文件类型不匹配！"});

@@ -63,7 +63,7 @@ void TstTreeOps::addChild()
     QCOMPARE(recordAt(p, 2).ChildRec, 3);
     QCOMPARE(recordAt(p, 3).PrevRec, -1);
     QCOMPARE(recordAt(p, 3).ParentRec, 2);
-    QCOMPARE(recordAt(p, 3).ParentKey, FixedText(NodeKeyText(2)));
+    QCOMPARE(recordAt(p, 3).ParentKey, PadFixedText(NodeKeyText(2)));
     QCOMPARE(fx.addChildOf(2), 0);
     QCOMPARE(recordAt(p, 3).NextRec, 4);
     QCOMPARE(recordAt(p, 4).PrevRec, 3);
@@ -110,7 +110,7 @@ void TstTreeOps::insertBefore()
     QCOMPARE(InsertBefore(fx.db), 0);
     QCOMPARE(recordAt(p, 2).ChildRec, 8);
     QCOMPARE(recordAt(p, 8).ParentRec, 2);
-    QCOMPARE(recordAt(p, 8).ParentKey, FixedText(NodeKeyText(2)));
+    QCOMPARE(recordAt(p, 8).ParentKey, PadFixedText(NodeKeyText(2)));
     // Ahead of a middle item: the previous one's NextRec.
     fx.select(5);
     QCOMPARE(InsertBefore(fx.db), 0);
@@ -209,7 +209,7 @@ void TstTreeOps::moveNode()
     QCOMPARE(r4.Used, int16_t(1));
     QCOMPARE(r4.ParentRec, -1);
     QCOMPARE(r4.ParentKey, QByteArray(20, ' '));
-    QCOMPARE(r4.NodeKey, FixedText(NodeKeyText(4)));
+    QCOMPARE(r4.NodeKey, PadFixedText(NodeKeyText(4)));
     QCOMPARE(r4.ChildRec, 6);
     QCOMPARE(EncodeRecord(recordAt(p, 6)), child6);   // not a single write to the child
     QCOMPARE(recordAt(p, 2).ChildRec, 5);
@@ -229,7 +229,7 @@ void TstTreeOps::moveNode()
     fx.select(5);
     QCOMPARE(PasteCutNode(fx.db), 0);
     QCOMPARE(recordAt(p, 2).ChildRec, 4);
-    QCOMPARE(recordAt(p, 4).ParentKey, FixedText(NodeKeyText(2)));
+    QCOMPARE(recordAt(p, 4).ParentKey, PadFixedText(NodeKeyText(2)));
     QCOMPARE(treeLines(fx.db.tree), QStringList({"3", "2", "  4", "    6", "  5"}));
     QVERIFY(CheckDb(p).isEmpty());
     QVERIFY(fx.prompter.shown.isEmpty());
