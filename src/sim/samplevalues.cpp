@@ -146,7 +146,8 @@ QByteArray SampleRunningValues(qint64 msSinceStart)
     const double torque = running ? 22 + accel * 0.4 + 2 * std::sin(2 * M_PI * t / 2.3) : 0;   // %
     const double current = !running ? 0.3 : 2.0 + 0.004 * actual + std::fabs(accel) * 0.06 + 0.2 * std::sin(2 * M_PI * t / 0.9);
     const double busV = 48.2 - 0.02 * current + 0.05 * std::sin(2 * M_PI * t / 3.1);
-    const double powerKw = 1.2 * (actual / 3000.0) * (torque / 100.0);
+    // Power flows back from the motor while it brakes.
+    const double powerKw = !running ? 0 : std::copysign(busV * current * 0.85 / 1000, torque);
     // Temperatures climb slowly towards their working level.
     const double driveC = 25 + 30 * (1 - std::exp(-t / 900)) + (running ? 0.4 : 0);
     const double motorC = 25 + 40 * (1 - std::exp(-t / 1500));
