@@ -97,8 +97,13 @@ int cliParams(const QStringList &argsIn)
             s.err << "cannot read " << inPath << ": " << f.errorString() << Qt::endl;
             return 1;
         }
-        const QByteArray bytes = f.read(p.Tables[0].BlockSize);
-        // Bytes the file lacks stay zero; the stamp then judges the image.
+        // A block for another table would be stamped and sent as if it fitted.
+        const QByteArray bytes = f.readAll();
+        if (bytes.size() != p.Tables[0].BlockSize) {
+            s.err << inPath << " holds " << bytes.size() << " bytes; the settings block has "
+                  << p.Tables[0].BlockSize << Qt::endl;
+            return 1;
+        }
         p.SetImage.replace(0, int(bytes.size()), bytes);
     }
 
