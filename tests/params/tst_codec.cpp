@@ -8,8 +8,8 @@ using namespace pyro;
 
 namespace {
 
-struct RowSpec {
-    RowSpec(int width = 1, int isFloat = 0, int bit = 0, int isList = 0, int scale = 1, int decimals = 0,
+struct RowDef {
+    RowDef(int width = 1, int isFloat = 0, int bit = 0, int isList = 0, int scale = 1, int decimals = 0,
             const QString &labels = {}, const QString &values = {})
         : width(width), isFloat(isFloat), bit(bit), isList(isList), scale(scale), decimals(decimals),
           labels(labels), values(values)
@@ -19,7 +19,7 @@ struct RowSpec {
     QString labels, values;
 };
 
-ParamRow makeRow(const RowSpec &s, int addr = 1)
+ParamRow makeRow(const RowDef &s, int addr = 1)
 {
     ParamRow r;
     r.Addr = int16_t(addr);
@@ -47,7 +47,7 @@ struct OneRow {
     GridModel grid;
     QList<ParamRow> rows;
     TableInfo info;
-    explicit OneRow(const RowSpec &s)
+    explicit OneRow(const RowDef &s)
     {
         grid.clear(2, 4);
         grid.setText(1, kValueCol, "old");
@@ -61,77 +61,77 @@ const QString kOld = "old";
 
 } // namespace
 
-Q_DECLARE_METATYPE(RowSpec)
+Q_DECLARE_METATYPE(RowDef)
 
 class TstCodec : public QObject {
     Q_OBJECT
 private slots:
     void decode_data()
     {
-        QTest::addColumn<RowSpec>("row");
+        QTest::addColumn<RowDef>("row");
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<QString>("shown");
 
         // byte: unsigned, divided by Scale, halves to even
-        QTest::newRow("byte 200 / 3") << RowSpec{1, 0, 0, 0, 3} << QByteArray("\xC8") << "67";
-        QTest::newRow("byte 1 / 2") << RowSpec{1, 0, 0, 0, 2} << QByteArray("\x01") << "0";
-        QTest::newRow("byte 3 / 2") << RowSpec{1, 0, 0, 0, 2} << QByteArray("\x03") << "2";
-        QTest::newRow("byte 254") << RowSpec{} << QByteArray("\xFE") << "254";
-        QTest::newRow("byte ignores decimals") << RowSpec{1, 1, 0, 0, 1, 3} << QByteArray("\x05") << "5";
-        QTest::newRow("byte scale 0") << RowSpec{1, 0, 0, 0, 0} << QByteArray("\x05") << kOld;
-        QTest::newRow("byte negative scale") << RowSpec{1, 0, 0, 0, -1} << QByteArray("\x05") << kOld;
+        QTest::newRow("byte 200 / 3") << RowDef{1, 0, 0, 0, 3} << QByteArray("\xC8") << "67";
+        QTest::newRow("byte 1 / 2") << RowDef{1, 0, 0, 0, 2} << QByteArray("\x01") << "0";
+        QTest::newRow("byte 3 / 2") << RowDef{1, 0, 0, 0, 2} << QByteArray("\x03") << "2";
+        QTest::newRow("byte 254") << RowDef{} << QByteArray("\xFE") << "254";
+        QTest::newRow("byte ignores decimals") << RowDef{1, 1, 0, 0, 1, 3} << QByteArray("\x05") << "5";
+        QTest::newRow("byte scale 0") << RowDef{1, 0, 0, 0, 0} << QByteArray("\x05") << kOld;
+        QTest::newRow("byte negative scale") << RowDef{1, 0, 0, 0, -1} << QByteArray("\x05") << kOld;
         // word: signed 16-bit
-        QTest::newRow("word -2") << RowSpec{2} << le16(0xFFFE) << "-2";
-        QTest::newRow("word min") << RowSpec{2} << le16(0x8000) << "-32768";
-        QTest::newRow("word / 10") << RowSpec{2, 0, 0, 0, 10} << le16(482) << "48";
-        QTest::newRow("word ignores list") << RowSpec{2, 0, 0, 1, 1, 0, "A||B", "0||1"} << le16(1) << "1";
+        QTest::newRow("word -2") << RowDef{2} << le16(0xFFFE) << "-2";
+        QTest::newRow("word min") << RowDef{2} << le16(0x8000) << "-32768";
+        QTest::newRow("word / 10") << RowDef{2, 0, 0, 0, 10} << le16(482) << "48";
+        QTest::newRow("word ignores list") << RowDef{2, 0, 0, 1, 1, 0, "A||B", "0||1"} << le16(1) << "1";
         // long: through single precision, Decimals patterns
-        QTest::newRow("long 123.45") << RowSpec{4, 0, 0, 0, 100, 2} << le32(12345) << "123.45";
-        QTest::newRow("long 123") << RowSpec{4, 0, 0, 0, 100, 0} << le32(12345) << "123";
-        QTest::newRow("long single") << RowSpec{4, 0, 0, 0, 1, 0} << le32(16777217) << "16777216";
-        QTest::newRow("long negative") << RowSpec{4, 0, 0, 0, 100, 1} << le32(uint32_t(-150)) << "-1.5";
-        QTest::newRow("long 5 decimals") << RowSpec{4, 0, 0, 0, 1, 5} << le32(7) << "7.00000";
-        QTest::newRow("long tie to even") << RowSpec{4, 0, 0, 0, 1000, 2} << le32(125) << "0.12";
-        QTest::newRow("long no minus zero") << RowSpec{4, 0, 0, 0, 1000, 2} << le32(uint32_t(-1)) << "0.00";
-        QTest::newRow("long 6 decimals") << RowSpec{4, 0, 0, 0, 1, 6} << le32(7) << kOld;
-        QTest::newRow("long ignores list") << RowSpec{4, 0, 0, 1, 1, 0, "A||B", "0||1"} << le32(1) << "1";
+        QTest::newRow("long 123.45") << RowDef{4, 0, 0, 0, 100, 2} << le32(12345) << "123.45";
+        QTest::newRow("long 123") << RowDef{4, 0, 0, 0, 100, 0} << le32(12345) << "123";
+        QTest::newRow("long single") << RowDef{4, 0, 0, 0, 1, 0} << le32(16777217) << "16777216";
+        QTest::newRow("long negative") << RowDef{4, 0, 0, 0, 100, 1} << le32(uint32_t(-150)) << "-1.5";
+        QTest::newRow("long 5 decimals") << RowDef{4, 0, 0, 0, 1, 5} << le32(7) << "7.00000";
+        QTest::newRow("long tie to even") << RowDef{4, 0, 0, 0, 1000, 2} << le32(125) << "0.12";
+        QTest::newRow("long no minus zero") << RowDef{4, 0, 0, 0, 1000, 2} << le32(uint32_t(-1)) << "0.00";
+        QTest::newRow("long 6 decimals") << RowDef{4, 0, 0, 0, 1, 6} << le32(7) << kOld;
+        QTest::newRow("long ignores list") << RowDef{4, 0, 0, 1, 1, 0, "A||B", "0||1"} << le32(1) << "1";
         // float: single, Decimals, or a list by the integer below it
-        QTest::newRow("float 2 decimals") << RowSpec{4, 1, 0, 0, 1, 2} << f32(3.14159f) << "3.14";
-        QTest::newRow("float 2.5 to even") << RowSpec{4, 1, 0, 0, 1, 0} << f32(2.5f) << "2";
-        QTest::newRow("float 1.5 to even") << RowSpec{4, 1, 0, 0, 1, 0} << f32(1.5f) << "2";
-        QTest::newRow("float scaled") << RowSpec{4, 1, 0, 0, 10, 1} << f32(15.0f) << "1.5";
-        QTest::newRow("float ignores BitIndex") << RowSpec{4, 1, 3, 0, 1, 1} << f32(0.25f) << "0.2";
-        QTest::newRow("float NaN") << RowSpec{4, 1, 0, 0, 1, 2} << le32(0x7FC00000) << kOld;
-        QTest::newRow("float infinity") << RowSpec{4, 1, 0, 0, 1, 2} << le32(0x7F800000) << kOld;
-        QTest::newRow("float list 2.9") << RowSpec{4, 1, 0, 1, 1, 0, "A||B||C||D", "0||1||2||3"} << f32(2.9f) << "C";
-        QTest::newRow("float list negative") << RowSpec{4, 1, 0, 1, 1, 0, "Neg||Zero", "-1||0"} << f32(-0.5f) << "Neg";
-        QTest::newRow("float list 2.50 piece") << RowSpec{4, 1, 0, 1, 1, 0, "A||B", "1||2.50"} << f32(2.0f) << "B";
+        QTest::newRow("float 2 decimals") << RowDef{4, 1, 0, 0, 1, 2} << f32(3.14159f) << "3.14";
+        QTest::newRow("float 2.5 to even") << RowDef{4, 1, 0, 0, 1, 0} << f32(2.5f) << "2";
+        QTest::newRow("float 1.5 to even") << RowDef{4, 1, 0, 0, 1, 0} << f32(1.5f) << "2";
+        QTest::newRow("float scaled") << RowDef{4, 1, 0, 0, 10, 1} << f32(15.0f) << "1.5";
+        QTest::newRow("float ignores BitIndex") << RowDef{4, 1, 3, 0, 1, 1} << f32(0.25f) << "0.2";
+        QTest::newRow("float NaN") << RowDef{4, 1, 0, 0, 1, 2} << le32(0x7FC00000) << kOld;
+        QTest::newRow("float infinity") << RowDef{4, 1, 0, 0, 1, 2} << le32(0x7F800000) << kOld;
+        QTest::newRow("float list 2.9") << RowDef{4, 1, 0, 1, 1, 0, "A||B||C||D", "0||1||2||3"} << f32(2.9f) << "C";
+        QTest::newRow("float list negative") << RowDef{4, 1, 0, 1, 1, 0, "Neg||Zero", "-1||0"} << f32(-0.5f) << "Neg";
+        QTest::newRow("float list 2.50 piece") << RowDef{4, 1, 0, 1, 1, 0, "A||B", "1||2.50"} << f32(2.0f) << "B";
         // lists: containment, first hit, trimmed label
-        QTest::newRow("byte list") << RowSpec{1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1"} << QByteArray("\x01") << "Reverse";
-        QTest::newRow("byte list 10 before 1") << RowSpec{1, 0, 0, 1, 1, 0, "A||B", "10||1"} << QByteArray("\x01") << "A";
-        QTest::newRow("byte list 03") << RowSpec{1, 0, 0, 1, 1, 0, "A||B", "03||4"} << QByteArray("\x03") << "A";
-        QTest::newRow("byte list no pick") << RowSpec{1, 0, 0, 1, 1, 0, "A||B", "0||1"} << QByteArray("\x07") << kOld;
-        QTest::newRow("byte list blanks") << RowSpec{1, 0, 0, 1, 1, 0, " A ||  B", "0||1"} << QByteArray("\x01") << "B";
-        QTest::newRow("byte list scaled") << RowSpec{1, 0, 0, 1, 10, 0, "A||B||C", "0||1||2"} << QByteArray("\x14") << "C";
-        QTest::newRow("float list 1e6") << RowSpec{4, 1, 0, 1, 1, 0, "A||B", "0||1000000"} << f32(1e6f) << "B";
+        QTest::newRow("byte list") << RowDef{1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1"} << QByteArray("\x01") << "Reverse";
+        QTest::newRow("byte list 10 before 1") << RowDef{1, 0, 0, 1, 1, 0, "A||B", "10||1"} << QByteArray("\x01") << "A";
+        QTest::newRow("byte list 03") << RowDef{1, 0, 0, 1, 1, 0, "A||B", "03||4"} << QByteArray("\x03") << "A";
+        QTest::newRow("byte list no pick") << RowDef{1, 0, 0, 1, 1, 0, "A||B", "0||1"} << QByteArray("\x07") << kOld;
+        QTest::newRow("byte list blanks") << RowDef{1, 0, 0, 1, 1, 0, " A ||  B", "0||1"} << QByteArray("\x01") << "B";
+        QTest::newRow("byte list scaled") << RowDef{1, 0, 0, 1, 10, 0, "A||B||C", "0||1||2"} << QByteArray("\x14") << "C";
+        QTest::newRow("float list 1e6") << RowDef{4, 1, 0, 1, 1, 0, "A||B", "0||1000000"} << f32(1e6f) << "B";
         // bit: two labels by one bit, Values unused
-        QTest::newRow("bit 1 is LSB") << RowSpec{4, 0, 1, 1, 1, 0, "Off||On", "0||1"} << le32(1) << "On";
-        QTest::newRow("bit 2 clear") << RowSpec{4, 0, 2, 1, 1, 0, "Off||On", "0||1"} << le32(1) << "Off";
-        QTest::newRow("bit 32") << RowSpec{4, 0, 32, 1, 1, 0, "Off||On", "0||1"} << le32(0x80000000) << "On";
-        QTest::newRow("bit 33") << RowSpec{4, 0, 33, 1, 1, 0, "Off||On", "0||1"} << le32(0xFFFFFFFF) << kOld;
-        QTest::newRow("bit inverse values") << RowSpec{4, 0, 1, 1, 1, 0, "Off||On", "1||0"} << le32(0) << "Off";
-        QTest::newRow("bit three labels") << RowSpec{4, 0, 1, 1, 1, 0, "A||B||C", "0||1||2"} << le32(1) << kOld;
-        QTest::newRow("bit trailing blanks only") << RowSpec{4, 0, 1, 0, 1, 0, "Off|| On", ""} << le32(1) << " On";
-        QTest::newRow("bit scaled") << RowSpec{4, 0, 1, 0, 2, 0, "Off||On", ""} << le32(2) << "On";
+        QTest::newRow("bit 1 is LSB") << RowDef{4, 0, 1, 1, 1, 0, "Off||On", "0||1"} << le32(1) << "On";
+        QTest::newRow("bit 2 clear") << RowDef{4, 0, 2, 1, 1, 0, "Off||On", "0||1"} << le32(1) << "Off";
+        QTest::newRow("bit 32") << RowDef{4, 0, 32, 1, 1, 0, "Off||On", "0||1"} << le32(0x80000000) << "On";
+        QTest::newRow("bit 33") << RowDef{4, 0, 33, 1, 1, 0, "Off||On", "0||1"} << le32(0xFFFFFFFF) << kOld;
+        QTest::newRow("bit inverse values") << RowDef{4, 0, 1, 1, 1, 0, "Off||On", "1||0"} << le32(0) << "Off";
+        QTest::newRow("bit three labels") << RowDef{4, 0, 1, 1, 1, 0, "A||B||C", "0||1||2"} << le32(1) << kOld;
+        QTest::newRow("bit trailing blanks only") << RowDef{4, 0, 1, 0, 1, 0, "Off|| On", ""} << le32(1) << " On";
+        QTest::newRow("bit scaled") << RowDef{4, 0, 1, 0, 2, 0, "Off||On", ""} << le32(2) << "On";
         // rows left alone
-        QTest::newRow("width 3") << RowSpec{3} << QByteArray("\x01\x02\x03") << kOld;
-        QTest::newRow("width 0") << RowSpec{0} << QByteArray("\x01") << kOld;
-        QTest::newRow("IsFloat 2") << RowSpec{4, 2} << le32(1) << kOld;
+        QTest::newRow("width 3") << RowDef{3} << QByteArray("\x01\x02\x03") << kOld;
+        QTest::newRow("width 0") << RowDef{0} << QByteArray("\x01") << kOld;
+        QTest::newRow("IsFloat 2") << RowDef{4, 2} << le32(1) << kOld;
     }
 
     void decode()
     {
-        QFETCH(RowSpec, row);
+        QFETCH(RowDef, row);
         QFETCH(QByteArray, bytes);
         QFETCH(QString, shown);
         OneRow t(row);
@@ -206,57 +206,57 @@ private slots:
 
     void encode_data()
     {
-        QTest::addColumn<RowSpec>("row");
+        QTest::addColumn<RowDef>("row");
         QTest::addColumn<QByteArray>("before");
         QTest::addColumn<QString>("text");
         QTest::addColumn<QByteArray>("after");
         const QByteArray z4(4, '\0');
         const QByteArray ones = le32(0xFFFFFFFF);
 
-        QTest::newRow("byte") << RowSpec{} << z4 << "200" << QByteArray("\xC8\0\0\0", 4);
-        QTest::newRow("byte 1.5") << RowSpec{} << z4 << "1.5" << QByteArray("\x02\0\0\0", 4);
-        QTest::newRow("byte 2.5") << RowSpec{} << z4 << "2.5" << QByteArray("\x02\0\0\0", 4);
-        QTest::newRow("byte 255.5 too big") << RowSpec{} << z4 << "255.5" << z4;
-        QTest::newRow("byte -1") << RowSpec{} << ones << "-1" << ones;
-        QTest::newRow("byte no number") << RowSpec{} << ones << "abc" << QByteArray("\0\xFF\xFF\xFF", 4);
-        QTest::newRow("byte only its byte") << RowSpec{} << ones << "7" << QByteArray("\x07\xFF\xFF\xFF", 4);
-        QTest::newRow("word -2") << RowSpec{2} << z4 << "-2" << QByteArray("\xFE\xFF\0\0", 4);
-        QTest::newRow("word 70000") << RowSpec{2} << z4 << "70000" << z4;
-        QTest::newRow("word hex") << RowSpec{2} << z4 << "&H1234" << QByteArray("\x34\x12\0\0", 4);
-        QTest::newRow("long") << RowSpec{4} << z4 << "123456" << le32(123456);
-        QTest::newRow("long negative") << RowSpec{4} << z4 << "-1" << ones;
-        QTest::newRow("long 3e9") << RowSpec{4} << z4 << "3e9" << z4;
-        QTest::newRow("long scaled") << RowSpec{4, 0, 0, 0, 100, 2} << z4 << "123.45" << le32(12345);
-        QTest::newRow("word scaled") << RowSpec{2, 0, 0, 0, 10} << z4 << "48.2" << le16(482) + QByteArray(2, '\0');
-        QTest::newRow("byte scale 0") << RowSpec{1, 0, 0, 0, 0} << z4 << "5" << z4;
-        QTest::newRow("float") << RowSpec{4, 1} << z4 << "1.5" << f32(1.5f);
-        QTest::newRow("float single") << RowSpec{4, 1} << z4 << "0.1" << le32(0x3DCCCCCD);
-        QTest::newRow("float scaled") << RowSpec{4, 1, 0, 0, 10} << z4 << "1.5" << f32(15.0f);
-        QTest::newRow("float 1e39") << RowSpec{4, 1} << z4 << "1e39" << z4;
-        QTest::newRow("float list") << RowSpec{4, 1, 0, 1, 1, 0, "Hall||Encoder", "0||1.5"} << z4 << "encoder" << f32(1.5f);
-        QTest::newRow("byte list") << RowSpec{1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1"} << z4 << "Reverse" << QByteArray("\x01\0\0\0", 4);
-        QTest::newRow("byte list any case") << RowSpec{1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1"} << z4 << "REV" << QByteArray("\x01\0\0\0", 4);
-        QTest::newRow("byte list first hit") << RowSpec{1, 0, 0, 1, 1, 0, "On||Off", "5||6"} << z4 << "O" << QByteArray("\x05\0\0\0", 4);
-        QTest::newRow("byte list chinese") << RowSpec{1, 0, 0, 1, 1, 0, "正转||反转", "0||1"} << z4 << "反转" << QByteArray("\x01\0\0\0", 4);
-        QTest::newRow("byte list unknown") << RowSpec{1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1"} << ones << "Up" << ones;
+        QTest::newRow("byte") << RowDef{} << z4 << "200" << QByteArray("\xC8\0\0\0", 4);
+        QTest::newRow("byte 1.5") << RowDef{} << z4 << "1.5" << QByteArray("\x02\0\0\0", 4);
+        QTest::newRow("byte 2.5") << RowDef{} << z4 << "2.5" << QByteArray("\x02\0\0\0", 4);
+        QTest::newRow("byte 255.5 too big") << RowDef{} << z4 << "255.5" << z4;
+        QTest::newRow("byte -1") << RowDef{} << ones << "-1" << ones;
+        QTest::newRow("byte no number") << RowDef{} << ones << "abc" << QByteArray("\0\xFF\xFF\xFF", 4);
+        QTest::newRow("byte only its byte") << RowDef{} << ones << "7" << QByteArray("\x07\xFF\xFF\xFF", 4);
+        QTest::newRow("word -2") << RowDef{2} << z4 << "-2" << QByteArray("\xFE\xFF\0\0", 4);
+        QTest::newRow("word 70000") << RowDef{2} << z4 << "70000" << z4;
+        QTest::newRow("word hex") << RowDef{2} << z4 << "&H1234" << QByteArray("\x34\x12\0\0", 4);
+        QTest::newRow("long") << RowDef{4} << z4 << "123456" << le32(123456);
+        QTest::newRow("long negative") << RowDef{4} << z4 << "-1" << ones;
+        QTest::newRow("long 3e9") << RowDef{4} << z4 << "3e9" << z4;
+        QTest::newRow("long scaled") << RowDef{4, 0, 0, 0, 100, 2} << z4 << "123.45" << le32(12345);
+        QTest::newRow("word scaled") << RowDef{2, 0, 0, 0, 10} << z4 << "48.2" << le16(482) + QByteArray(2, '\0');
+        QTest::newRow("byte scale 0") << RowDef{1, 0, 0, 0, 0} << z4 << "5" << z4;
+        QTest::newRow("float") << RowDef{4, 1} << z4 << "1.5" << f32(1.5f);
+        QTest::newRow("float single") << RowDef{4, 1} << z4 << "0.1" << le32(0x3DCCCCCD);
+        QTest::newRow("float scaled") << RowDef{4, 1, 0, 0, 10} << z4 << "1.5" << f32(15.0f);
+        QTest::newRow("float 1e39") << RowDef{4, 1} << z4 << "1e39" << z4;
+        QTest::newRow("float list") << RowDef{4, 1, 0, 1, 1, 0, "Hall||Encoder", "0||1.5"} << z4 << "encoder" << f32(1.5f);
+        QTest::newRow("byte list") << RowDef{1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1"} << z4 << "Reverse" << QByteArray("\x01\0\0\0", 4);
+        QTest::newRow("byte list any case") << RowDef{1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1"} << z4 << "REV" << QByteArray("\x01\0\0\0", 4);
+        QTest::newRow("byte list first hit") << RowDef{1, 0, 0, 1, 1, 0, "On||Off", "5||6"} << z4 << "O" << QByteArray("\x05\0\0\0", 4);
+        QTest::newRow("byte list chinese") << RowDef{1, 0, 0, 1, 1, 0, "正转||反转", "0||1"} << z4 << "反转" << QByteArray("\x01\0\0\0", 4);
+        QTest::newRow("byte list unknown") << RowDef{1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1"} << ones << "Up" << ones;
         // bit: one bit changes, the others stay
-        QTest::newRow("bit set") << RowSpec{4, 0, 3, 1, 1, 0, "Off||On", "0||1"} << le32(1) << "On" << le32(5);
-        QTest::newRow("bit clear") << RowSpec{4, 0, 3, 1, 1, 0, "Off||On", "0||1"} << ones << "Off" << le32(0xFFFFFFFB);
-        QTest::newRow("bit already on") << RowSpec{4, 0, 3, 1, 1, 0, "Off||On", "0||1"} << ones << "On" << ones;
-        QTest::newRow("bit already off") << RowSpec{4, 0, 3, 1, 1, 0, "Off||On", "0||1"} << z4 << "Off" << z4;
-        QTest::newRow("bit 1 is LSB") << RowSpec{4, 0, 1, 1, 1, 0, "Off||On", "0||1"} << z4 << "On" << le32(1);
-        QTest::newRow("bit 32") << RowSpec{4, 0, 32, 1, 1, 0, "Off||On", "0||1"} << ones << "Off" << le32(0x7FFFFFFF);
-        QTest::newRow("bit by Values") << RowSpec{4, 0, 1, 1, 1, 0, "Off||On", "1||0"} << z4 << "Off" << le32(1);
-        QTest::newRow("bit n 2") << RowSpec{4, 0, 1, 1, 1, 0, "Off||On", "2||0"} << z4 << "Off" << z4;
-        QTest::newRow("bit ignores scale") << RowSpec{4, 0, 2, 1, 7, 0, "Off||On", "0||1"} << z4 << "On" << le32(2);
+        QTest::newRow("bit set") << RowDef{4, 0, 3, 1, 1, 0, "Off||On", "0||1"} << le32(1) << "On" << le32(5);
+        QTest::newRow("bit clear") << RowDef{4, 0, 3, 1, 1, 0, "Off||On", "0||1"} << ones << "Off" << le32(0xFFFFFFFB);
+        QTest::newRow("bit already on") << RowDef{4, 0, 3, 1, 1, 0, "Off||On", "0||1"} << ones << "On" << ones;
+        QTest::newRow("bit already off") << RowDef{4, 0, 3, 1, 1, 0, "Off||On", "0||1"} << z4 << "Off" << z4;
+        QTest::newRow("bit 1 is LSB") << RowDef{4, 0, 1, 1, 1, 0, "Off||On", "0||1"} << z4 << "On" << le32(1);
+        QTest::newRow("bit 32") << RowDef{4, 0, 32, 1, 1, 0, "Off||On", "0||1"} << ones << "Off" << le32(0x7FFFFFFF);
+        QTest::newRow("bit by Values") << RowDef{4, 0, 1, 1, 1, 0, "Off||On", "1||0"} << z4 << "Off" << le32(1);
+        QTest::newRow("bit n 2") << RowDef{4, 0, 1, 1, 1, 0, "Off||On", "2||0"} << z4 << "Off" << z4;
+        QTest::newRow("bit ignores scale") << RowDef{4, 0, 2, 1, 7, 0, "Off||On", "0||1"} << z4 << "On" << le32(2);
         // left alone
-        QTest::newRow("width 3") << RowSpec{3} << z4 << "5" << z4;
-        QTest::newRow("IsFloat 2") << RowSpec{4, 2} << z4 << "5" << z4;
+        QTest::newRow("width 3") << RowDef{3} << z4 << "5" << z4;
+        QTest::newRow("IsFloat 2") << RowDef{4, 2} << z4 << "5" << z4;
     }
 
     void encode()
     {
-        QFETCH(RowSpec, row);
+        QFETCH(RowDef, row);
         QFETCH(QByteArray, before);
         QFETCH(QString, text);
         QFETCH(QByteArray, after);
@@ -300,21 +300,21 @@ private slots:
     // kind, scaled rows included.
     void encodeThenDecodeRoundTrips_data()
     {
-        QTest::addColumn<RowSpec>("row");
+        QTest::addColumn<RowDef>("row");
         QTest::addColumn<QString>("text");
-        QTest::newRow("byte") << RowSpec{} << "42";
-        QTest::newRow("word") << RowSpec{2} << "-1234";
-        QTest::newRow("long 0.1 A") << RowSpec{4, 0, 0, 0, 10, 1} << "25.5";
-        QTest::newRow("long ms as s") << RowSpec{4, 0, 0, 0, 1000, 2} << "2.50";
-        QTest::newRow("float") << RowSpec{4, 1, 0, 0, 1, 4} << "0.0850";
-        QTest::newRow("float list") << RowSpec{4, 1, 0, 1, 1, 0, "霍尔||编码器||无感", "0||1||2"} << "无感";
-        QTest::newRow("byte list") << RowSpec{1, 0, 0, 1, 1, 0, "9600||19200||38400||57600||115200", "0||1||2||3||4"} << "57600";
-        QTest::newRow("bit") << RowSpec{4, 0, 5, 1, 1, 0, "关闭||开启", "0||1"} << "开启";
+        QTest::newRow("byte") << RowDef{} << "42";
+        QTest::newRow("word") << RowDef{2} << "-1234";
+        QTest::newRow("long 0.1 A") << RowDef{4, 0, 0, 0, 10, 1} << "25.5";
+        QTest::newRow("long ms as s") << RowDef{4, 0, 0, 0, 1000, 2} << "2.50";
+        QTest::newRow("float") << RowDef{4, 1, 0, 0, 1, 4} << "0.0850";
+        QTest::newRow("float list") << RowDef{4, 1, 0, 1, 1, 0, "霍尔||编码器||无感", "0||1||2"} << "无感";
+        QTest::newRow("byte list") << RowDef{1, 0, 0, 1, 1, 0, "9600||19200||38400||57600||115200", "0||1||2||3||4"} << "57600";
+        QTest::newRow("bit") << RowDef{4, 0, 5, 1, 1, 0, "关闭||开启", "0||1"} << "开启";
     }
 
     void encodeThenDecodeRoundTrips()
     {
-        QFETCH(RowSpec, row);
+        QFETCH(RowDef, row);
         QFETCH(QString, text);
         OneRow t(row);
         QByteArray block(9, '\0');
@@ -333,7 +333,7 @@ private slots:
         info.BlockSize = 480;
         info.RowCount = 201;
         QList<ParamRow> rows{ParamRow()};
-        const RowSpec kinds[] = {{1, 0, 0, 1, 1, 0, "A||B||C||D", "0||1||2||3"}, {2}, {4, 0, 0, 0, 10, 1},
+        const RowDef kinds[] = {{1, 0, 0, 1, 1, 0, "A||B||C||D", "0||1||2||3"}, {2}, {4, 0, 0, 0, 10, 1},
                                  {4, 0, 3, 1, 1, 0, "Off||On", "0||1"}, {4, 1, 0, 0, 1, 3}};
         for (int r = 1; r <= 200; ++r)
             rows << makeRow(kinds[r % 5], 33 + (r * 2) % 440);
