@@ -94,24 +94,29 @@ bool GetItem(DbFile &f, int32_t n, DbRecord &r)
 
 int32_t FindFreeRec(DbFile &f)
 {
-    // Only Used is needed, so two bytes a record instead of the whole record.
     const int32_t n = int32_t((f.length + kRecordSize / 2) / kRecordSize);
     if (n == 0)
         return 1;
-    for (int32_t i = 1; i <= n; ++i) {
-        if (qint64(i) * kRecordSize > f.length)
-            break;   // a cut-off last record is never handed out
-        if (!f.file.seek(qint64(i - 1) * kRecordSize)) {
-            f.error = QStringLiteral("读记录 %1 失败：%2").arg(i).arg(f.file.errorString());
+    // Records are read in runs: one read per run instead of one per record
+    // keeps the scan of a large file short. Only Used is looked at.
+    constexpr int32_t kRun = 64;
+    for (int32_t first = 1; first <= n; first += kRun) {
+        if (!f.file.seek(qint64(first - 1) * kRecordSize)) {
+            f.error = QStringLiteral("读记录 %1 失败：%2").arg(first).arg(f.file.errorString());
             return 0;
         }
-        const QByteArray used = f.file.read(2);
-        if (used.size() != 2) {
-            f.error = QStringLiteral("读记录 %1 失败：%2").arg(i).arg(f.file.errorString());
+        const QByteArray run = f.file.read(qint64(kRun) * kRecordSize);
+        if (run.isEmpty() && f.file.error() != QFileDevice::NoError) {
+            f.error = QStringLiteral("读记录 %1 失败：%2").arg(first).arg(f.file.errorString());
             return 0;
         }
-        if (getLe16(used, 0) == 0)
-            return i;
+        // A cut-off last record is never handed out.
+        const int32_t whole = int32_t(run.size() / kRecordSize);
+        for (int32_t i = 0; i < whole && first + i <= n; ++i)
+            if (getLe16(run, i * kRecordSize) == 0)
+                return first + i;
+        if (whole < kRun)
+            break;
     }
     return n + 1;
 }

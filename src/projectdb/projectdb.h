@@ -114,7 +114,9 @@ void MarkCutNode(ProjectDb &db);
 // MnodePast: the frame around MoveCutNode.
 int PasteCutNode(ProjectDb &db);
 int MoveCutNode(ProjectDb &db);
-int UnlinkNode(ProjectDb &db, DbFile &f);
+// Takes the marked node out of the file and the tree. With taken the tree
+// node is handed over instead of dropped, to be put back by the move.
+int UnlinkNode(ProjectDb &db, DbFile &f, std::unique_ptr<QStandardItem> *taken = nullptr);
 void BeginRename(ProjectDb &db);
 int RenameNode(ProjectDb &db, const QString &text);
 int SetExpanded(ProjectDb &db, const QString &key, bool expanded);

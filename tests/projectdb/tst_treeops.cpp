@@ -205,6 +205,8 @@ void TstTreeOps::moveNode()
     QCOMPARE(fx.db.CutIndex, 4);
     const QStringList moved{"2", "  5", "4", "  6", "3"};
     QCOMPARE(treeLines(fx.db.tree), moved);
+    QCOMPARE(FindNode(fx.db.tree, NodeKeyText(6))->parent(), FindNode(fx.db.tree, NodeKeyText(4)));
+    QCOMPARE(fx.db.tree.Selected, NodeKeyText(3));
     const DbRecord r4 = recordAt(p, 4);
     QCOMPARE(r4.Used, int16_t(1));
     QCOMPARE(r4.ParentRec, -1);
