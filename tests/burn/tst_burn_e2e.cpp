@@ -1,1 +1,214 @@
-int main(){}
+// The burn against pyrolink-sim on a pseudo-terminal: the real serial
+// control, ticks from a timer, the board's output paced at the line rate.
+#include "../e2e/simprocess.h"
+#include "burn.h"
+#include "frame.h"
+#include "infoblock.h"
+#include "portcontrol.h"
+#include "qtserialcontrol.h"
+
+#include <QEventLoop>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QtTest>
+
+using namespace pyro;
+
+namespace {
+
+QByteArray testImage(int len, uint8_t seed)
+{
+    QByteArray img(len, '\0');
+    for (int i = 0; i < len; ++i)
+        img[i] = char((i * 53 + (i >> 7) + seed) & 0xFF);
+    img.replace(1024, 50, QByteArray(50, char(0xFF)));
+    return img;
+}
+
+QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
+{
+    QFile f(dir.filePath(name));
+    if (f.open(QIODevice::WriteOnly))
+        f.write(bytes);
+    return f.fileName();
+}
+
+// Reads flash back with 0xF4 while the burn waits: installed as the step of
+// LinkMode 1 between the last write and the close of the image (the close
+// changes no byte), then hands the line back to the burn where it stood.
+struct FlashProbe {
+    Link &l;
+    int len = 0;
+    QByteArray got{};
+    bool waiting = false;
+    static constexpr int kChunk = 512;
+
+    void step()
+    {
+        if (waiting) {
+            if (l.MBStep != 0)
+                return;
+            waiting = false;
+            const int n = std::min(kChunk, len - int(got.size()));
+            if (l.MBResult == 0 && l.MBRxBuf.size() >= 8 + n + 2 && l.MBRxBuf[2] == 0)
+                got += l.MBRxBuf.mid(8, n);
+        }
+        if (got.size() >= len)
+            return;   // StateWord is still 9: the burn closes the image once it has the line back
+        const int n = std::min(kChunk, len - int(got.size()));
+        MBBuildFrame(l, kFnReadMemory, le32(uint32_t(kFlashBase + got.size())) + le16(uint16_t(n)));
+        MBSend(l, 3, 80, 100);
+        waiting = true;
+    }
+};
+
+struct CliRun {
+    int code = -1;
+    QString out, err;
+};
+
+CliRun runCli(const QStringList &args, const QString &home, int seconds = 120)
+{
+    QProcess p;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("HOME", home);
+    p.setProcessEnvironment(env);
+    p.start(PYRO_BIN_DIR "/pyrolink-cli", QStringList{"burn"} + args);
+    CliRun r;
+    if (!p.waitForFinished(seconds * 1000)) {
+        p.kill();
+        p.waitForFinished(3000);
+        return r;
+    }
+    r.code = p.exitCode();
+    r.out = QString::fromUtf8(p.readAllStandardOutput());
+    r.err = QString::fromUtf8(p.readAllStandardError());
+    return r;
+}
+
+} // namespace
+
+class TstBurnE2e : public QObject {
+    Q_OBJECT
+private slots:
+    void autoLoadThreeChips();
+    void cliBurn();
+};
+
+void TstBurnE2e::autoLoadThreeChips()
+{
+    SimProcess sim;
+    QVERIFY(sim.start({"--swap-after-burn", "--baud", "57600"}));
+    QTemporaryDir dir;
+    const int len = 6000;
+    const QString path = writeFile(dir, "six.BIN", testImage(len, 3));
+
+    Link l;
+    QtSerialControl port;
+    ScriptedPrompter prompter;
+    Burn b;
+    l.prompter = &prompter;
+    AttachPort(l, &port);
+    AttachBurn(l, b);
+    InitPortBoxes(l.view);
+    l.view.ComboSet[0].text = sim.path;
+    l.view.Check1[3] = true;
+    Command2Click(l);
+    QVERIFY2(port.isOpen(), qPrintable(prompter.shown.join(';') + port.errorText()));
+    ChooseFile(l, b, path);
+    Command4Click(l, b);
+    QCOMPARE(l.view.Command4Caption, QString("Stop"));
+
+    QList<QByteArray> flashes;
+    FlashProbe *probe = nullptr;
+    bool probed = false;   // once per image, before its close
+    QEventLoop loop;
+    QTimer tick, deadline;
+    tick.setTimerType(Qt::PreciseTimer);
+    tick.setInterval(15);
+    QObject::connect(&tick, &QTimer::timeout, &loop, [&] {
+        MBTimTimer(l);
+        if (probe && probe->got.size() >= probe->len) {
+            flashes << probe->got;
+            delete probe;
+            probe = nullptr;
+            AttachBurn(l, b);
+        }
+        if (l.StateWord != 9)
+            probed = false;
+        if (!probe && !probed && l.LinkMode == 1 && l.StateWord == 9 && b.BinDone == b.BinLen && l.MBStep == 0) {
+            probed = true;
+            probe = new FlashProbe{l, len};
+            l.modeStep[1] = [&] { probe->step(); };
+        }
+        if (b.ChipsDone == 3 || !port.isOpen())
+            loop.quit();
+    });
+    deadline.setSingleShot(true);
+    QObject::connect(&deadline, &QTimer::timeout, &loop, &QEventLoop::quit);
+    tick.start();
+    deadline.start(120000);
+    loop.exec();
+    tick.stop();
+
+    QVERIFY2(b.ChipsDone == 3, qPrintable(QString("state %1, probe %2, flashes %3, log:\n%4")
+                                             .arg(l.StateWord).arg(probe ? probe->got.size() : -1)
+                                             .arg(flashes.size()).arg(l.view.RTB)));
+    QCOMPARE(flashes.size(), 3);
+    for (const QByteArray &f : flashes)
+        QCOMPARE(f, b.BinData.left(len));
+    BitInfRec rec;
+    QVERIFY(readBitInfRec(flashes[0], 1024, &rec));
+    QCOMPARE(rec.RemarkStamp, QString("K700操作员"));
+    for (int i = 1; i <= 3; ++i)
+        QCOMPARE(int(l.view.RTB.count(QString(" Downloading the：%1 (chip)").arg(i))), 1);
+    QCOMPARE(int(l.view.RTB.count(" Connecting the next chip...")), 3);
+    Command4Click(l, b);
+    QVERIFY(l.view.RTB.endsWith(" Cancel program\r\n"));
+    Command2Click(l);
+    delete probe;
+}
+
+// The command line: one chip of the demo firmware with its record, then the
+// ways it fails: a refused image, a port that won't open, a silent board.
+void TstBurnE2e::cliBurn()
+{
+    SimProcess sim;
+    QVERIFY(sim.start());
+    QTemporaryDir home;
+
+    const CliRun ok = runCli({"--port", sim.path, "--file", PYRO_DATA_DIR "/demo-firmware.BIN",
+                              "--order", "订单-42", "--timeout", "100"}, home.path());
+    QVERIFY2(ok.code == 0, qPrintable(ok.err));
+    QVERIFY(ok.out.contains(" File size：24380(Byte)\n"));
+    QVERIFY(ok.out.contains(" Downloading the：1 (chip)\n"));
+    QVERIFY(ok.out.contains(" Has been successfully burning：1 (chip) " PYRO_DATA_DIR "/demo-firmware.BIN\n"));
+    QVERIFY(ok.out.contains("progress 100% "));
+    QDir records(home.filePath("ProRecord(K0)"));
+    const QStringList files = records.entryList({"*(K0).Txt"}, QDir::Files);
+    QCOMPARE(files.size(), 1);
+    QFile rec(records.filePath(files[0]));
+    QVERIFY(rec.open(QIODevice::ReadOnly));
+    const QString text = fromGbk(rec.readAll());
+    QVERIFY(text.contains(QString(94, '=') + "\r\n"));
+    QVERIFY(text.contains(" Has been successfully burning：1 (chip)"));
+
+    QTemporaryDir dir;
+    const CliRun tooLong = runCli({"--port", sim.path, "--file", writeFile(dir, "big.BIN", testImage(40000, 1))}, home.path());
+    QCOMPARE(tooLong.code, 1);
+    QVERIFY(tooLong.out.contains(" File open error \n"));
+    QVERIFY(tooLong.out.contains(" Image too long：40000(Byte), at most 32767(Byte)"));
+
+    const CliRun noPort = runCli({"--port", dir.filePath("no-such-tty"), "--file", PYRO_DATA_DIR "/demo-firmware.BIN"}, home.path());
+    QCOMPARE(noPort.code, 3);
+    QVERIFY(noPort.err.contains("cannot open port"));
+
+    sim.command("silent on");
+    const CliRun silent = runCli({"--port", sim.path, "--file", PYRO_DATA_DIR "/demo-firmware.BIN", "--timeout", "2"}, home.path());
+    QCOMPARE(silent.code, 4);
+    QVERIFY(silent.err.contains("time limit of 2 s passed; 0 chip(s) done"));
+    QVERIFY(silent.out.contains(" Cancel program"));
+}
+
+QTEST_GUILESS_MAIN(TstBurnE2e)
+#include "tst_burn_e2e.moc"
