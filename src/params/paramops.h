@@ -3,7 +3,7 @@
 // The information block's record and layout belong to the firmware image;
 // the burn library, which links this one, builds it, and every program that
 // runs these operations links both.
-#include "../burn/infoblock.h"
+#include "infoblock.h"
 
 #include <QByteArray>
 #include <cstdint>

@@ -103,22 +103,9 @@ DbRecord DecodeRecord(const QByteArray &b)
     return r;
 }
 
-QByteArray ToGbk(const QString &text)
-{
-    QStringEncoder enc("GBK");
-    return enc.isValid() ? QByteArray(enc(text)) : text.toLatin1();
-}
-
-QString FromGbk(const QByteArray &bytes)
-{
-    // Broken GBK turns into replacement characters, never into a failure.
-    QStringDecoder dec("GBK");
-    return dec.isValid() ? QString(dec(bytes)) : QString::fromLatin1(bytes);
-}
-
 QByteArray PadFixedText(const QString &text)
 {
-    QByteArray b = ToGbk(text).left(rec::FixedWidth);
+    QByteArray b = toGbk(text).left(rec::FixedWidth);
     b.append(QByteArray(rec::FixedWidth - b.size(), ' '));
     return b;
 }
@@ -129,7 +116,7 @@ QString ReadFixedText(const QByteArray &field)
     const int nul = b.indexOf('\0');
     if (nul >= 0)
         b.truncate(nul);
-    return FromGbk(b);
+    return fromGbk(b);
 }
 
 QString StripPadding(const QString &text)
@@ -146,8 +133,8 @@ void PackField(QByteArray &field, const QString &text, const QString &key, int l
         return;
     // The terminator must fit, whatever limit the caller names.
     limit = std::max(0, std::min<int>(limit, int(field.size()) - 1));
-    const QByteArray t = ToGbk(text).left(limit);   // may cut a double-byte character
-    const QByteArray k = ToGbk(key);
+    const QByteArray t = toGbk(text).left(limit);   // may cut a double-byte character
+    const QByteArray k = toGbk(key);
     const int s = keySumOf(k);
     int j = 0;
     for (int i = 0; i < t.size(); ++i) {
@@ -165,7 +152,7 @@ void PackField(QByteArray &field, const QString &text, const QString &key, int l
 
 QString UnpackField(const QByteArray &field, const QString &key, int limit)
 {
-    const QByteArray k = ToGbk(key);
+    const QByteArray k = toGbk(key);
     const int s = keySumOf(k);
     const int n = std::min<int>(std::max(limit, 0), field.size());
     QByteArray t;
@@ -180,7 +167,7 @@ QString UnpackField(const QByteArray &field, const QString &key, int limit)
         }
         t.append(char(b));
     }
-    return FromGbk(t);
+    return fromGbk(t);
 }
 
 void PackImage(QByteArray &field, const QByteArray &setImage, int blockSize)

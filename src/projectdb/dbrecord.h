@@ -1,4 +1,5 @@
 #pragma once
+#include "gbk.h"
 #include <QByteArray>
 #include <QDateTime>
 #include <QString>
@@ -95,8 +96,6 @@ DbRecord DecodeRecord(const QByteArray &bytes);
 
 // --- texts -----------------------------------------------------------------
 
-QByteArray ToGbk(const QString &text);
-QString FromGbk(const QByteArray &bytes);
 
 // A 20-byte fixed text: GBK, cut to 20 bytes, blanks to the right.
 QByteArray PadFixedText(const QString &text);

@@ -119,7 +119,7 @@ void TstDbFile::workedExample()
         QCOMPARE(i32(r.rec, 108), 0);
     }
     // The header.
-    QCOMPARE(b.mid(22, 20), ToGbk(kAuthorLine) + QByteArray(20 - ToGbk(kAuthorLine).size(), ' '));
+    QCOMPARE(b.mid(22, 20), toGbk(kAuthorLine) + QByteArray(20 - toGbk(kAuthorLine).size(), ' '));
     QCOMPARE(b.mid(42, 20), QByteArray("KOLTA-V1.0          "));
     QCOMPARE(i32(1, 18), 1);
     QCOMPARE(getLe16(b, 106), uint16_t(0));   // LoginFlag
@@ -147,7 +147,7 @@ void TstDbFile::packWithKey()
     QFETCH(QString, text);
     QByteArray field(202, '\x55');
     PackField(field, text, key, 200);
-    const QByteArray t = ToGbk(text).left(200);
+    const QByteArray t = toGbk(text).left(200);
     QCOMPARE(field.at(t.size()), '\0');
     for (int i = 0; i < t.size(); ++i)
         QVERIFY2(field.at(i) != '\0', "no stored byte is 0");
@@ -155,7 +155,7 @@ void TstDbFile::packWithKey()
         QCOMPARE(field.left(t.size()), t);
     if (t.size() + 1 < field.size())
         QCOMPARE(field.at(t.size() + 1), '\x55');   // behind the terminator untouched
-    QCOMPARE(UnpackField(field, key, 200), FromGbk(t));
+    QCOMPARE(UnpackField(field, key, 200), fromGbk(t));
 }
 
 void TstDbFile::packLimits()
@@ -172,7 +172,7 @@ void TstDbFile::packLimits()
     // A 41-byte title comes back with 40; the 41st is gone from the file.
     QByteArray caption(42, '\x77');
     const QString title41 = QString(20, QChar(0x4E2D)) + 'Z';   // 20 x 2 GBK bytes + 1
-    QCOMPARE(ToGbk(title41).size(), 41);
+    QCOMPARE(toGbk(title41).size(), 41);
     PackField(caption, title41, QString(), 40);
     QCOMPARE(caption.at(40), '\0');
     QVERIFY(!caption.contains('Z'));
@@ -318,7 +318,7 @@ void TstDbFile::loadHeaderVariants()
     // MagicLine is never read; AuthorLine padded with NULs still matches.
     DbRecord h = recordAt(p, 1);
     MagicLine(h) = PadFixedText(QStringLiteral("anything at all"));
-    AuthorLine(h) = ToGbk(kAuthorLine) + QByteArray(20 - ToGbk(kAuthorLine).size(), '\0');
+    AuthorLine(h) = toGbk(kAuthorLine) + QByteArray(20 - toGbk(kAuthorLine).size(), '\0');
     putRecordAt(p, 1, h);
     fx.prompter.shown.clear();
     QCOMPARE(LoadDb(fx.db, p), int16_t(0));

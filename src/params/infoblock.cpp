@@ -34,22 +34,6 @@ QByteArray gbkField(const QString &text, int width)
 
 } // namespace
 
-QByteArray toGbk(const QString &text)
-{
-    QStringEncoder enc("GBK");
-    if (!enc.isValid())
-        return text.toLocal8Bit();
-    return enc(text);
-}
-
-QString fromGbk(const QByteArray &bytes)
-{
-    QStringDecoder dec("GBK");
-    if (!dec.isValid())
-        return QString::fromLocal8Bit(bytes);
-    return dec(bytes);
-}
-
 bool readBitInfRec(const QByteArray &bytes, int at, BitInfRec *rec)
 {
     if (at < 0 || qint64(at) + kInfoSize > bytes.size())

@@ -1,4 +1,6 @@
 #pragma once
+#include "gbk.h"
+
 #include <QByteArray>
 #include <QDate>
 #include <QString>
@@ -26,9 +28,5 @@ QByteArray writeBitInfRec(const BitInfRec &rec);
 
 // Year less 2000, month, day, without leading zeros or separators.
 QString dateUpdatedText(const QDate &day);
-
-// GBK helpers for the block and the record files.
-QByteArray toGbk(const QString &text);
-QString fromGbk(const QByteArray &bytes);
 
 } // namespace pyro
