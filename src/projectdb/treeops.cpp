@@ -107,6 +107,28 @@ bool getNeighbours(DbFile &f, const DbRecord &s, Neighbours &n, bool wantNext)
 }
 
 // Takes s out of its sibling chain (DeleteNode and UnlinkNode alike).
+// Writes r as record no ahead of s, then mends the one link that pointed
+// at s: the previous sibling's, else the parent's first child, else FirstRec.
+bool putAhead(ProjectDb &db, DbFile &f, int32_t no, DbRecord &r, DbRecord &s, Neighbours &n)
+{
+    r.PrevRec = n.hasPrev ? s.PrevRec : -1;
+    r.NextRec = s.SelfRec;
+    if (!PutRec(f, no, r))
+        return false;
+    s.PrevRec = no;
+    if (n.hasPrev) {
+        n.prev.NextRec = no;
+        return PutRec(f, n.prev.SelfRec, n.prev) && PutRec(f, s.SelfRec, s);
+    }
+    if (n.hasParent) {
+        n.parent.ChildRec = no;
+        return PutRec(f, s.SelfRec, s) && PutRec(f, n.parent.SelfRec, n.parent);
+    }
+    bool ok = PutRec(f, s.SelfRec, s) && GetRec(f, 1, db.HeaderRecord);
+    FirstRec(db.HeaderRecord) = no;
+    return ok && PutRec(f, 1, db.HeaderRecord);
+}
+
 bool unlinkFromChain(ProjectDb &db, DbFile &f, const DbRecord &s, Neighbours &n)
 {
     if (n.hasPrev && n.hasNext) {
@@ -368,24 +390,7 @@ int InsertBefore(ProjectDb &db)
         DbRecord &w = db.WorkRecord;
         w.ParentRec = n.hasParent ? s.ParentRec : -1;
         w.ParentKey = s.ParentKey;
-        w.PrevRec = n.hasPrev ? s.PrevRec : -1;
-        w.NextRec = s.SelfRec;
-        bool ok = PutRec(f, no, w);
-        if (ok && n.hasPrev) {
-            n.prev.NextRec = no;
-            s.PrevRec = no;
-            ok = PutRec(f, n.prev.SelfRec, n.prev) && PutRec(f, s.SelfRec, s);
-        } else if (ok && n.hasParent) {
-            s.PrevRec = no;
-            n.parent.ChildRec = no;
-            ok = PutRec(f, s.SelfRec, s) && PutRec(f, n.parent.SelfRec, n.parent);
-        } else if (ok) {
-            s.PrevRec = no;
-            ok = PutRec(f, s.SelfRec, s) && GetRec(f, 1, db.HeaderRecord);
-            FirstRec(db.HeaderRecord) = no;
-            ok = ok && PutRec(f, 1, db.HeaderRecord);
-        }
-        if (!ok)
+        if (!putAhead(db, f, no, w, s, n))
             return failEdit(db, f);
         AddNode(db.tree, ParentKeyOf(sel), NodeKeyText(no), newTitle(db), NodeKey(sel));
         CloseDbFile(f);
@@ -528,25 +533,8 @@ int MoveCutNode(ProjectDb &db)
     cr.Used = 1;
     cr.ParentRec = n.hasParent ? s.ParentRec : -1;
     cr.ParentKey = n.hasParent ? s.ParentKey : QByteArray(rec::FixedWidth, ' ');
-    cr.PrevRec = n.hasPrev ? s.PrevRec : -1;
-    cr.NextRec = s.SelfRec;
     cr.SelfRec = c;
-    bool ok = PutRec(f, c, cr);
-    if (ok && n.hasPrev) {
-        n.prev.NextRec = c;
-        s.PrevRec = c;
-        ok = PutRec(f, n.prev.SelfRec, n.prev) && PutRec(f, s.SelfRec, s);
-    } else if (ok && n.hasParent) {
-        s.PrevRec = c;
-        n.parent.ChildRec = c;
-        ok = PutRec(f, s.SelfRec, s) && PutRec(f, n.parent.SelfRec, n.parent);
-    } else if (ok) {
-        s.PrevRec = c;
-        ok = PutRec(f, s.SelfRec, s) && GetRec(f, 1, db.HeaderRecord);
-        FirstRec(db.HeaderRecord) = c;
-        ok = ok && PutRec(f, 1, db.HeaderRecord);
-    }
-    if (!ok) {
+    if (!putAhead(db, f, c, cr, s, n)) {
         forgetTaken(db, moving);
         return failEdit(db, f);
     }
