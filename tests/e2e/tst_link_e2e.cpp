@@ -14,6 +14,7 @@ class TstLinkE2e : public QObject {
     Q_OBJECT
 private slots:
     void monitorFollowsTheBoard();
+    void cliPortsAndMonitor();
 };
 
 void TstLinkE2e::monitorFollowsTheBoard()
@@ -62,6 +63,35 @@ void TstLinkE2e::monitorFollowsTheBoard()
     Command2Click(link);
     QCOMPARE(prompter.shown, QStringList{"Hint|Serial port error！"});
     QCOMPARE(link.view.Command2Caption, QString("OpenUart"));
+}
+
+void TstLinkE2e::cliPortsAndMonitor()
+{
+    // The board linked as COM19 beside the programs, where the tool looks.
+    const QString linkPath = QStringLiteral(PYRO_BIN_DIR "/COM19");
+    SimProcess sim;
+    QVERIFY2(sim.start({"--mode", "1", "--link", linkPath}), "pyrolink-sim did not get ready");
+
+    auto cli = [](const QStringList &args) {
+        QProcess p;
+        p.start(QStringLiteral(PYRO_BIN_DIR "/pyrolink-cli"), args);
+        p.waitForFinished(30000);
+        return QPair<int, QString>(p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()));
+    };
+    const auto ports = cli({"ports"});
+    QCOMPARE(ports.first, 0);
+    QVERIFY2(ports.second.split('\n').contains("COM19"), qPrintable(ports.second));
+
+    const auto mon = cli({"monitor", "--port", "COM19", "--seconds", "1"});
+    QCOMPARE(mon.first, 0);
+    QCOMPARE(mon.second, QString("Serial uart has ben Opened\nLink normal-download mode\n"));
+
+    const auto bad = cli({"monitor", "--port", "COM19", "--baud", "31337"});
+    QCOMPARE(bad.first, 2);
+    sim.command("quit");
+    QVERIFY(sim.proc.waitForFinished(5000));
+    const auto gone = cli({"monitor", "--port", "COM19", "--seconds", "1"});
+    QCOMPARE(gone.first, 1);
 }
 
 QTEST_GUILESS_MAIN(TstLinkE2e)
