@@ -23,6 +23,14 @@ QString startFolder(const QString &notes)
     return cut > 0 ? notes.left(cut) : QString();
 }
 
+// A running burn ends without a cancel line; BurnBegun stays.
+void endBurnForLoad(Link &l)
+{
+    l.view.Command4Caption = QStringLiteral("Program");
+    l.ModeRequest = 0;
+    l.BurnArmed = 0;
+}
+
 int16_t refuse(int16_t result, QString *reason, const QString &why)
 {
     if (reason)
@@ -53,9 +61,12 @@ void ChooseFile(Link &l, Burn &b, const QString &name)
     } else {
         QFile f(name);
         if (!f.open(QIODevice::ReadOnly)) {
-            // The click ends here; the path and Program stay as they were.
+            // The path and Program stay as they were, but a running burn ends
+            // as after any Load File click: left running on a length of 0 it
+            // would close each new chip's image after one blank page.
             l.view.Command3Enabled = true;
             b.BinLen = 0;
+            endBurnForLoad(l);
             return;
         }
         b.BinLen = int32_t(std::min<qint64>(f.size(), INT32_MAX));
@@ -66,10 +77,7 @@ void ChooseFile(Link &l, Burn &b, const QString &name)
         l.view.Command4Enabled = true;
     }
     ShowProgress(l.view, l.BinPath, 0);
-    // A running burn ends here, without a cancel line; BurnBegun stays.
-    l.view.Command4Caption = QStringLiteral("Program");
-    l.ModeRequest = 0;
-    l.BurnArmed = 0;
+    endBurnForLoad(l);
 }
 
 int16_t PrepareImage(Link &l, Burn &b, const QString &path, QString *reason)
