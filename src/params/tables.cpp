@@ -20,9 +20,11 @@ const QString kEndMarker = QStringLiteral("End");
 constexpr int kShortLine = 10;           // lines of this many characters or fewer make no row
 constexpr int kMaxRows = 32767;          // RowCount is a signed 16-bit number
 // Guards against garbage, not limits of the format: a real table has a few
-// columns and a few kilobytes.
+// columns, a few hundred rows and a few kilobytes. Without them a file of
+// half a megabyte asks for gigabytes of cells or of split pieces.
 constexpr int kMaxCols = 1024;
-constexpr qint64 kMaxFileBytes = 64 * 1024 * 1024;
+constexpr qint64 kMaxCells = 1 << 20;
+constexpr qint64 kMaxFileBytes = 1024 * 1024;
 
 bool isBlank(QChar c)
 {
@@ -224,6 +226,8 @@ int16_t LoadProtocolTableData(GridModel &grid, const QByteArray &content, QList<
 {
     if (diag)
         *diag = TableDiag();
+    if (content.size() > kMaxFileBytes)
+        return fail(diag, 0, QStringLiteral("the file is larger than %1 bytes").arg(kMaxFileBytes));
     LineReader in(content);
     grid.clear(1, qMax(1, grid.cols()));
 
@@ -278,6 +282,9 @@ int16_t LoadProtocolTableData(GridModel &grid, const QByteArray &content, QList<
             continue;                    // blank lines and short comments
         if (r >= kMaxRows)
             return fail(diag, ln, QStringLiteral("more than %1 rows").arg(kMaxRows));
+        if (qint64(r + 1) * grid.cols() > kMaxCells)
+            return fail(diag, ln, QStringLiteral("%1 rows of %2 columns are more than %3 cells")
+                                      .arg(r + 1).arg(grid.cols()).arg(kMaxCells));
         if (grid.rows() <= r)
             grid.setRows(grid.rows() + 1);
         rows.resize(r + 2);

@@ -34,13 +34,6 @@ ParamRow makeRow(const RowDef &s, int addr = 1)
     return r;
 }
 
-QByteArray f32(float f)
-{
-    uint32_t bits;
-    std::memcpy(&bits, &f, 4);
-    return le32(bits);
-}
-
 // A one-row table: row 0 the caption, row 1 the value at Addr 1 of a block
 // of 8 bytes. The value cell starts out as "old".
 struct OneRow {

@@ -1,4 +1,3 @@
-#include "numbers.h"
 #include "paramtest.h"
 
 #include <QRandomGenerator>
@@ -9,8 +8,6 @@ using namespace pyro;
 namespace {
 
 const QString kHead = "40\\/44";
-const QString kCols = "600\\/2000\\/4000\\/2400";
-const QString kCaption = QStringList{plainCell("No.", 4), plainCell("Group", 4), plainCell("Item", 4), plainCell("Value", 4)}.join("\\/");
 
 struct Loaded {
     GridModel grid;
@@ -54,9 +51,8 @@ private slots:
         QCOMPARE(t.grid.rows(), 5);
         QCOMPARE(t.grid.cols(), 4);
         QCOMPARE(t.rows.size(), 6);
-        const int widths[] = {600, 2000, 4000, 2400};
-        for (int c = 0; c < 4; ++c)
-            QCOMPARE(t.grid.colWidth(c), widths[c]);
+        QCOMPARE(QList<int>({t.grid.colWidth(0), t.grid.colWidth(1), t.grid.colWidth(2), t.grid.colWidth(3)}),
+                 QList<int>({600, 2000, 4000, 2400}));
         QVERIFY(t.grid.mergeCol(1));
         QVERIFY(!t.grid.mergeCol(2));
 
@@ -65,38 +61,24 @@ private slots:
         QCOMPARE(t.grid.text(0, 3), QString("Value"));
         QCOMPARE(t.grid.rowHeight(0), 360);
         QCOMPARE(t.grid.cell(0, 2).alignment, int16_t(kAlignCenterCenter));
-        QCOMPARE(t.grid.text(3, 0), QString("3"));
-        QCOMPARE(t.grid.text(3, 1), QString("Motor"));
-        QCOMPARE(t.grid.text(4, 1), QString("Limit"));
-        QCOMPARE(t.grid.text(2, 2), QString("Direction"));
+        QCOMPARE(QStringList({t.grid.text(3, 0), t.grid.text(3, 1), t.grid.text(4, 1), t.grid.text(2, 2)}),
+                 QStringList({"3", "Motor", "Limit", "Direction"}));
         QCOMPARE(t.grid.cell(2, 2).alignment, int16_t(kAlignLeftCenter));
-        QCOMPARE(t.grid.cell(2, 2).fore, qRgb(0, 0, 0));
         QCOMPARE(t.grid.cell(2, 2).back, qRgb(255, 255, 255));
         QCOMPARE(t.grid.cell(2, 2).fontSize, 10.0f);
         QCOMPARE(t.grid.rowHeight(4), 330);
-        for (int r = 0; r < 5; ++r)
-            QVERIFY(r == 0 || t.grid.text(r, 3).isEmpty());   // values come from decoding
+        for (int r = 1; r < 5; ++r)
+            QVERIFY(t.grid.text(r, 3).isEmpty());   // values come from decoding
 
-        struct Want { int16_t addr; uint8_t width, dec, bit, list, flt; QString labels, values; };
-        const Want want[] = {
-            {33, 2, 0, 0, 0, 0, "0||6000", ""},
-            {35, 1, 0, 0, 1, 0, "Forward||Reverse", "0||1"},
-            {37, 4, 0, 3, 1, 0, "Off||On", "0||1"},
-            {41, 4, 2, 0, 0, 1, "0||50", ""},
-        };
-        QCOMPARE(t.rows[0].Addr, int16_t(0));
-        for (int i = 0; i < 4; ++i) {
-            const ParamRow &row = t.rows[i + 1];
-            QCOMPARE(row.Addr, want[i].addr);
-            QCOMPARE(row.Width, want[i].width);
-            QCOMPARE(row.Decimals, want[i].dec);
-            QCOMPARE(row.BitIndex, want[i].bit);
-            QCOMPARE(row.IsList, want[i].list);
-            QCOMPARE(row.IsFloat, want[i].flt);
-            QCOMPARE(row.Scale, 1);
-            QCOMPARE(row.Labels, FixedText(want[i].labels));
+        // Addr, Width, Decimals, BitIndex, IsList, IsFloat, Scale, Labels, Values
+        const QStringList want{"0 0 0 0 0 0 1  | ", "33 2 0 0 0 0 1 0||6000 | ", "35 1 0 0 1 0 1 Forward||Reverse | 0||1",
+                               "37 4 0 3 1 0 1 Off||On | 0||1", "41 4 2 0 0 1 1 0||50 | "};
+        for (int i = 0; i < 5; ++i) {
+            const ParamRow &row = t.rows[i];
             QCOMPARE(row.Labels.size(), kLabelChars);
-            QCOMPARE(row.Values, FixedText(want[i].values));
+            QCOMPARE(QString("%1 %2 %3 %4 %5 %6 %7 %8 | %9").arg(row.Addr).arg(row.Width).arg(row.Decimals).arg(row.BitIndex)
+                         .arg(row.IsList).arg(row.IsFloat).arg(row.Scale).arg(row.Labels.trimmed(), row.Values.trimmed()),
+                     want[i]);
         }
     }
 
@@ -106,43 +88,30 @@ private slots:
         QTest::addColumn<int>("result");
         QTest::addColumn<int>("header");
         QTest::addColumn<int>("block");
-        QTest::newRow("worked") << "40\\/44" << 0 << 40 << 44;
         QTest::newRow("upper bounds") << "60\\/480" << 0 << 60 << 480;
         QTest::newRow("lower bounds") << "1\\/1" << 0 << 1 << 1;
-        QTest::newRow("blanks around") << " 40 \\/ 44 " << 0 << 40 << 44;
-        QTest::newRow("hex") << "&H28\\/&H1E0" << 0 << 40 << 480;
-        QTest::newRow("exponent") << "4e1\\/44" << 0 << 40 << 44;
         QTest::newRow("ties to even") << "40.5\\/43.5" << 0 << 40 << 44;
-        QTest::newRow("more fields") << "40\\/44\\/x" << 0 << 40 << 44;
+        QTest::newRow("more fields") << " 40 \\/44\\/x" << 0 << 40 << 44;
         // A rejected number stays in the info.
         QTest::newRow("header 61") << "61\\/44" << 1 << 61 << 44;
         QTest::newRow("block 481") << "40\\/481" << 1 << 40 << 481;
         QTest::newRow("header 0") << "0\\/44" << 1 << 0 << 44;
         QTest::newRow("block 0") << "40\\/0" << 1 << 40 << 0;
-        QTest::newRow("negative") << "-1\\/44" << 1 << -1 << 44;
         QTest::newRow("trailing letter") << "12a\\/44" << 1 << 0 << 0;
-        QTest::newRow("block letter") << "40\\/44a" << 1 << 0 << 0;
-        QTest::newRow("one field") << "40" << 1 << 0 << 0;
+        QTest::newRow("one field") << "40/44" << 1 << 0 << 0;
         QTest::newRow("empty field") << "40\\/" << 1 << 0 << 0;
-        QTest::newRow("other separator") << "40/44" << 1 << 0 << 0;
         QTest::newRow("too big for 16 bits") << "40\\/99999" << 1 << 40 << 0;
     }
 
     void blockLine()
     {
         QFETCH(QString, line);
-        QFETCH(int, result);
         Loaded t;
         loadLines(t, {line, kCols, kCaption, "End"});
-        QCOMPARE(int(t.result), result);
-        QFETCH(int, header);
-        QFETCH(int, block);
-        QCOMPARE(int(t.info.HeaderNumber), header);
-        QCOMPARE(int(t.info.BlockSize), block);
-        if (result == 1) {
-            QCOMPARE(t.diag.line, 1);
-            QVERIFY(!t.diag.reason.isEmpty());
-        }
+        QTEST(int(t.result), "result");
+        QTEST(int(t.info.HeaderNumber), "header");
+        QTEST(int(t.info.BlockSize), "block");
+        QCOMPARE(t.diag.line, t.result == 1 ? 1 : 0);
         checkInvariants(t);
     }
 
@@ -151,6 +120,7 @@ private slots:
         QTest::addColumn<QStringList>("lines");
         QTest::addColumn<int>("line");
         QTest::addColumn<QString>("reasonHas");
+        const QString row = rowLine("G", "I", paramCell(33, 1, 0, 0, 0, 0, 1, "0||1"));
         QTest::newRow("no rows") << QStringList{kHead, kCols, "End"} << 3 << "no row line";
         QTest::newRow("only short rows") << QStringList{kHead, kCols, "", "' motor", "End"} << 5 << "no row line";
         QTest::newRow("empty file") << QStringList{} << 1 << "empty";
@@ -169,44 +139,50 @@ private slots:
             "No.><4><0><0><360><1e300\\/Group><4><0><0><360><10", "End"} << 3 << "font size";
         QTest::newRow("too many columns") << QStringList{kHead, QString("100\\/").repeated(5000) + "1", kCaption}
             << 2 << "columns";
+        // Half a megabyte of rows under a thousand columns would ask for
+        // gigabytes of cells.
+        QTest::newRow("too many cells") << QStringList{kHead, QString("100\\/").repeated(1000) + "1"} + QStringList(2000, row)
+            << 1050 << "cells";
+        QTest::newRow("too large") << QStringList(2 << 20, QString()) << 0 << "larger than";
     }
 
     void loadFailures()
     {
         QFETCH(QStringList, lines);
-        QFETCH(int, line);
         QFETCH(QString, reasonHas);
         Loaded t;
         loadLines(t, lines);
         QCOMPARE(t.result, int16_t(1));
-        QCOMPARE(t.diag.line, line);
+        QTEST(t.diag.line, "line");
         QVERIFY2(t.diag.reason.contains(reasonHas), qPrintable(t.diag.reason));
     }
 
     void absentFileAndShortPath()
     {
         Loaded t;
-        t.result = LoadProtocolTable(t.grid, "/nonexistent/Config.For", t.rows, t.info, &t.diag);
-        QCOMPARE(t.result, int16_t(1));
+        QCOMPARE(LoadProtocolTable(t.grid, "/nonexistent/Config.For", t.rows, t.info, &t.diag), int16_t(1));
         QVERIFY(t.diag.reason.contains("does not exist"));
-        t.result = LoadProtocolTable(t.grid, "a.F", t.rows, t.info, &t.diag);
-        QCOMPARE(t.result, int16_t(1));
+        QCOMPARE(LoadProtocolTable(t.grid, "a.F", t.rows, t.info, &t.diag), int16_t(1));
         QVERIFY(t.diag.reason.contains("4 characters"));
         QTemporaryDir dir;
-        t.result = LoadProtocolTable(t.grid, dir.path(), t.rows, t.info, &t.diag);   // a folder
-        QCOMPARE(t.result, int16_t(1));
+        QCOMPARE(LoadProtocolTable(t.grid, dir.path(), t.rows, t.info, &t.diag), int16_t(1));   // a folder
     }
 
     void shortLinesAndEnd()
     {
         const QString row = rowLine("G", "I", paramCell(33, 1, 0, 0, 0, 0, 1, "0||9"));
         // "End " and "end" are short lines, skipped; the real marker stops
-        // reading, and what follows it is never looked at.
+        // reading, and what follows it is never looked at. 10 characters
+        // make no row; 11 make one, empty and without a value; ten Chinese
+        // characters are ten characters, not twenty bytes.
         Loaded t;
-        loadLines(t, {kHead, kCols, kCaption, "End ", row, "end", "", row, "End", row, "garbage"});
+        loadLines(t, {kHead, kCols, kCaption, "End ", "0123456789", "01234567890", "end", "", "电机参数电机参数电机",
+                      row, "End", row, "garbage"});
         QCOMPARE(t.result, int16_t(0));
         QCOMPARE(t.info.RowCount, int16_t(3));
-        QCOMPARE(t.grid.rows(), 3);
+        QCOMPARE(t.grid.text(1, 0), QString());
+        QCOMPARE(t.rows[1].Addr, int16_t(0));
+        QCOMPARE(t.grid.text(2, 0), QString("2"));
         QCOMPARE(t.rows[2].Addr, int16_t(33));
         checkInvariants(t);
 
@@ -217,29 +193,13 @@ private slots:
             QCOMPARE(u.result, int16_t(0));
             QCOMPARE(u.info.RowCount, int16_t(3));
         }
-
-        // 10 characters make no row; 11 make one, empty and without a value.
-        Loaded v;
-        loadLines(v, {kHead, kCols, kCaption, "0123456789", "01234567890", row, "End"});
-        QCOMPARE(v.result, int16_t(0));
-        QCOMPARE(v.info.RowCount, int16_t(3));
-        QCOMPARE(v.grid.text(1, 0), QString());
-        QCOMPARE(v.grid.text(1, 2), QString());
-        QCOMPARE(v.rows[1].Addr, int16_t(0));
-        QCOMPARE(v.grid.text(2, 0), QString("2"));
-        QCOMPARE(v.rows[2].Addr, int16_t(33));
-
-        // Ten Chinese characters are ten characters, not twenty bytes.
-        Loaded w;
-        loadLines(w, {kHead, kCols, kCaption, "电机参数电机参数电机", row});
-        QCOMPARE(w.info.RowCount, int16_t(2));
     }
 
     void cellRules()
     {
         Loaded t;
         const QString label61 = QString("A").repeated(59) + "BC";
-        loadLines(t, {kHead, kCols,
+        loadLines(t, {kHead, "600.5\\/1999.5\\/&H10\\/2400abc",
                       kCaption,
                       // column 0 shows the row number, whatever the cell says
                       QStringList{plainCell("x", 4), plainCell("G"), plainCell("I"), paramCell(33, 1, 0, 0, 0, 0, 1, "0||9")}.join("\\/"),
@@ -252,9 +212,13 @@ private slots:
                       QStringList{plainCell("x"), "G><1><0><0><330", plainCell("I"), paramCell(37, 2, 0, 0, 0, 0, 3, "0||9")}.join("\\/"),
                       // cells beyond the columns paint nothing but still count
                       QStringList{plainCell("x"), plainCell("G"), plainCell("I"), plainCell("V"), paramCell(38, 2, 0, 0, 0, 0, 1, "0||9")}.join("\\/"),
+                      // integer fields round ties to even, after the leading number
+                      rowLine("G", "I", "List:><33.5><2.5><1.5><0><0><0><2.5><  7 pieces><0||1"),
                       "End"});
         QCOMPARE(t.result, int16_t(0));
-        QCOMPARE(t.info.RowCount, int16_t(7));
+        QCOMPARE(t.info.RowCount, int16_t(8));
+        QCOMPARE(QList<int>({t.grid.colWidth(0), t.grid.colWidth(1), t.grid.colWidth(2), t.grid.colWidth(3)}),
+                 QList<int>({600, 2000, 16, 2400}));
         QCOMPARE(t.grid.text(1, 0), QString("1"));
         QCOMPARE(t.rows[1].Addr, int16_t(33));
 
@@ -273,33 +237,13 @@ private slots:
         QCOMPARE(t.rows[4].Values, FixedText(""));   // 11 subfields: unset
 
         QCOMPARE(t.grid.text(5, 1), QString());
-        QCOMPARE(t.rows[5].Addr, int16_t(37));
         QCOMPARE(t.rows[5].Scale, 3);
-
         QCOMPARE(t.grid.cols(), 4);
         QCOMPARE(t.grid.text(6, 3), QString("V"));
         QCOMPARE(t.rows[6].Addr, int16_t(38));
+        const ParamRow &r7 = t.rows[7];
+        QCOMPARE(QList<int>({r7.Addr, r7.Width, r7.Decimals, r7.Scale}), QList<int>({34, 2, 2, 2}));
         checkInvariants(t);
-    }
-
-    void fieldsRoundTiesToEven()
-    {
-        Loaded t;
-        loadLines(t, {kHead, "600.5\\/1999.5\\/&H10\\/2400abc", kCaption,
-                      rowLine("G", "I", "List:><33.5><2.5><1.5><0><0><0><2.5><0||1"),
-                      rowLine("G", "I", "List:><34.5><1.49><0><0><0><0><  7 pieces><0||1"), "End"});
-        QCOMPARE(t.result, int16_t(0));
-        QCOMPARE(t.grid.colWidth(0), 600);
-        QCOMPARE(t.grid.colWidth(1), 2000);
-        QCOMPARE(t.grid.colWidth(2), 16);
-        QCOMPARE(t.grid.colWidth(3), 2400);
-        QCOMPARE(t.rows[1].Addr, int16_t(34));
-        QCOMPARE(t.rows[1].Width, uint8_t(2));
-        QCOMPARE(t.rows[1].Decimals, uint8_t(2));
-        QCOMPARE(t.rows[1].Scale, 2);
-        QCOMPARE(t.rows[2].Addr, int16_t(34));
-        QCOMPARE(t.rows[2].Width, uint8_t(1));
-        QCOMPARE(t.rows[2].Scale, 7);
     }
 
     void leadingNumber_data()
@@ -307,27 +251,23 @@ private slots:
         QTest::addColumn<QString>("text");
         QTest::addColumn<double>("value");
         QTest::addColumn<bool>("numeric");
-        QTest::newRow("int") << "12" << 12.0 << true;
         QTest::newRow("blanks") << "  12  " << 12.0 << true;
         QTest::newRow("tail") << "12a" << 12.0 << false;
-        QTest::newRow("real tail") << " 3.5x" << 3.5 << false;
+        QTest::newRow("real tail") << " -3.5x" << -3.5 << false;
         QTest::newRow("none") << "abc" << 0.0 << false;
         QTest::newRow("empty") << "" << 0.0 << false;
-        QTest::newRow("blank") << "   " << 0.0 << false;
-        QTest::newRow("negative") << "-2" << -2.0 << true;
-        QTest::newRow("plus") << "+7" << 7.0 << true;
-        QTest::newRow("point first") << ".5" << 0.5 << true;
+        QTest::newRow("point first") << "+.5" << 0.5 << true;
         QTest::newRow("point last") << "5." << 5.0 << true;
         QTest::newRow("point alone") << "." << 0.0 << false;
         QTest::newRow("sign alone") << "-" << 0.0 << false;
         QTest::newRow("exponent") << "1e3" << 1000.0 << true;
         QTest::newRow("D exponent") << "1D2" << 100.0 << true;
         QTest::newRow("bare exponent") << "1.5e" << 1.5 << false;
-        QTest::newRow("hex") << "&H1F" << 31.0 << true;
-        QTest::newRow("hex lower") << "&h1f" << 31.0 << true;
+        QTest::newRow("overflow") << "1e999" << qInf() << true;
+        QTest::newRow("underflow") << "-1e-999" << 0.0 << true;
+        QTest::newRow("hex") << "&h1f" << 31.0 << true;
         QTest::newRow("hex wide") << "&HFFFF" << 65535.0 << true;
         QTest::newRow("hex tail") << "&H1Fg" << 31.0 << false;
-        QTest::newRow("octal") << "&O17" << 15.0 << true;
         QTest::newRow("octal stops at 8") << "&O178" << 15.0 << false;
         QTest::newRow("prefix alone") << "&H" << 0.0 << false;
         QTest::newRow("other prefix") << "&X1" << 0.0 << false;
@@ -339,23 +279,8 @@ private slots:
     void leadingNumber()
     {
         QFETCH(QString, text);
-        QFETCH(double, value);
-        QFETCH(bool, numeric);
-        QCOMPARE(LeadingNumber(text), value);
-        QCOMPARE(IsNumericText(text), numeric);
-    }
-
-    void hugeNumbersStayFinite()
-    {
-        QVERIFY(std::isinf(LeadingNumber("1e999")));
-        QCOMPARE(LeadingNumber("1e-999"), 0.0);
-        QVERIFY(LeadingNumber(QString(400, '9')) > 1e300);
-        qint64 v = 0;
-        QVERIFY(!FitInteger(LeadingNumber("1e999"), 0, 255, v));
-        QVERIFY(!FitInteger(std::nan(""), 0, 255, v));
-        QVERIFY(FitInteger(255.4, 0, 255, v) && v == 255);
-        QVERIFY(!FitInteger(255.5, 0, 255, v));   // rounds to 256
-        QVERIFY(FitInteger(-0.5, 0, 255, v) && v == 0);
+        QTEST(LeadingNumber(text), "value");
+        QTEST(IsNumericText(text), "numeric");
     }
 
     void gbkCaptionsRoundTrip()
@@ -369,8 +294,7 @@ private slots:
         QCOMPARE(t.grid.text(1, 1), group);
         QCOMPARE(t.grid.text(1, 2), item);
         QCOMPARE(t.rows[1].Labels, FixedText("正转||反转"));
-        QStringEncoder gbk("GBK");
-        QCOMPARE(QByteArray(gbk.encode(t.grid.text(1, 1))), QByteArray("\xB5\xE7\xBB\xFA\xB2\xCE\xCA\xFD"));
+        QCOMPARE(tableBytes({t.grid.text(1, 1)}, ""), QByteArray("\xB5\xE7\xBB\xFA\xB2\xCE\xCA\xFD"));
     }
 
     void loadParamTables()
@@ -394,18 +318,12 @@ private slots:
     void badInputNeverCrashes()
     {
         QRandomGenerator rng(20240611);
-        QTemporaryDir dir;
-        const QString path = dir.filePath("Config.For");
-        int resized = 0;
         const auto loadBytes = [&](const QByteArray &bytes) {
-            QFile f(path);
-            f.open(QIODevice::WriteOnly);
-            f.write(bytes);
-            f.close();
             Loaded t;
-            t.result = LoadProtocolTable(t.grid, path, t.rows, t.info, &t.diag);
+            t.result = LoadProtocolTableData(t.grid, bytes, t.rows, t.info, &t.diag);
             checkInvariants(t);
-            // Decoding the table over a random block touches nothing outside it.
+            // Decoding and encoding the table over a random block touch
+            // nothing outside it.
             QByteArray block(qMax<int>(0, t.info.BlockSize) + 1, '\0');
             for (char &c : block)
                 c = char(rng.bounded(256));
@@ -413,51 +331,41 @@ private slots:
             for (int r = 0; r < t.rows.size(); ++r)
                 EncodeValue("1", block, t.rows, r, nullptr);
             if (block.size() != qMax<int>(0, t.info.BlockSize) + 1)
-                ++resized;
+                return int16_t(-1);
             return t.result;
         };
 
-        const QByteArray good = [] {
-            QFile f(PYRO_DATA_DIR "/Config.For");
-            f.open(QIODevice::ReadOnly);
-            return f.readAll();
-        }();
+        const QByteArray good = readAll(PYRO_DATA_DIR "/Config.For");
         QCOMPARE(loadBytes(good), int16_t(0));
         for (int i = 0; i < 300; ++i) {
             // Garbage, and the good file with bytes flipped, cut or doubled.
             QByteArray b = good;
-            switch (i % 3) {
-            case 0:
+            if (i % 3 == 0) {
                 b = QByteArray(int(rng.bounded(4000)), '\0');
                 for (char &c : b)
                     c = char(rng.bounded(256));
-                break;
-            case 1:
+            } else if (i % 3 == 1) {
                 for (int k = 0; k < 20; ++k)
                     b[rng.bounded(int(b.size()))] = char(rng.bounded(256));
-                break;
-            default:
+            } else {
                 b = b.left(rng.bounded(int(b.size()))) + b.mid(rng.bounded(int(b.size())));
-                break;
             }
-            loadBytes(b);
+            QVERIFY(loadBytes(b) >= 0);
         }
 
-        // A huge row line of one cell, and one of many cells.
+        // A huge row line of one cell, of many cells, of many subfields.
         QByteArray head = "40\\/44\r\n600\\/2000\\/4000\\/2400\r\n";
-        QCOMPARE(loadBytes(head + QByteArray(4 << 20, 'a') + "\r\nEnd\r\n"), int16_t(0));
+        QCOMPARE(loadBytes(head + QByteArray(1000000, 'a') + "\r\nEnd\r\n"), int16_t(0));
         QCOMPARE(loadBytes(head + QByteArray("x><1><0><0><330><9\\/").repeated(50000) + "\r\n"), int16_t(0));
-        QCOMPARE(loadBytes(head + QByteArray("><").repeated(200000) + "\r\n"), int16_t(0));
+        QCOMPARE(loadBytes(head + QByteArray("><").repeated(400000) + "\r\n"), int16_t(0));
         // Wrong code pages: UTF-16 has no numeric first line; UTF-8 keeps the
         // structure and loads with odd captions.
-        QStringDecoder fromGbk("GBK");
-        const QString unicode = fromGbk(good);
+        const QString unicode = QStringDecoder("GBK")(good);
         QCOMPARE(loadBytes(QByteArray(reinterpret_cast<const char *>(unicode.utf16()), unicode.size() * 2)), int16_t(1));
         QCOMPARE(loadBytes(unicode.toUtf8()), int16_t(0));
         // Binary zeros and a file of line ends only.
         QCOMPARE(loadBytes(QByteArray(1000, '\0')), int16_t(1));
         QCOMPARE(loadBytes(QByteArray(1000, '\n')), int16_t(1));
-        QCOMPARE(resized, 0);
     }
 };
 
