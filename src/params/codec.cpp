@@ -215,8 +215,11 @@ int16_t EncodeValue(const QString &text, QByteArray &image, const QList<ParamRow
     const ValueKind kind = KindOf(row);
     if (kind == ValueKind::None || kind == ValueKind::Unsupported)
         return 0;
+    // SetImage holds BlockSize + 1 bytes and the last belongs to no row. A
+    // row reaching into it is never decoded, so storing would send the
+    // board the low bytes of a value that no read ever shows.
     const int at = row.Addr - 1;
-    if (at + int(row.Width) > image.size())
+    if (at + int(row.Width) > image.size() - 1)
         return 0;
 
     // The number as shown: typed, or the stored number of the chosen label.

@@ -48,7 +48,8 @@ DecodeOutcome DecodeRow(const ParamRow &row, const QByteArray &block, int limit,
 int16_t DecodeBlock(GridModel &grid, const QByteArray &block, const QList<ParamRow> &rows,
                     const TableInfo &info, Prompter *prompter);
 
-// Stores an edited text into the image at the row's place, leaving the CRC
+// Stores an edited text into the image (SetImage: BlockSize bytes and the
+// spare one, which no row reaches) at the row's place, leaving the CRC
 // stale. 1 with the list mismatch message when the row's lists don't pair
 // up; 0 otherwise, also when nothing was stored.
 int16_t EncodeValue(const QString &text, QByteArray &image, const QList<ParamRow> &rows, int rowIndex,
