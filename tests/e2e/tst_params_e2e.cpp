@@ -82,6 +82,12 @@ void TstParamsE2e::readEditUpdateSaveEraseRead()
     QCOMPARE(link.view.SB[2], QString("Update the set data successfully"));
     QCOMPARE(p.MSFG[0].cell(row, kValueCol).fore, qRgb(0, 0, 0));
 
+    // An update reaches the working copy only: the flash still holds the old value.
+    QVERIFY(press(1, 3));
+    QTRY_VERIFY_WITH_TIMEOUT(ended(3), 10000);
+    QCOMPARE(p.MSFG[0].text(row, kValueCol), before);
+    QCOMPARE(EncodeValue(edited, p.SetImage, p.SetRows, row, &prompter), int16_t(0));
+
     QVERIFY(press(3, 5));
     QTRY_VERIFY_WITH_TIMEOUT(ended(5), 10000);
     QCOMPARE(link.view.SB[2], QString("Save Settings data successfully"));
