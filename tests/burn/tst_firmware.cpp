@@ -8,6 +8,8 @@ using namespace pyro;
 
 namespace {
 
+const QByteArray kRemarkGbk = QByteArray::fromHex("4b373030b2d9d7f7d4b1");   // "K700操作员"
+
 // Remembers where the dialog was asked to start.
 class DialogPrompter : public ScriptedPrompter {
 public:
@@ -26,14 +28,11 @@ class TstFirmware : public QObject {
     Q_OBJECT
 private slots:
     void infoBlockLayout();
-    void dateUpdated_data();
-    void dateUpdated();
     void prepareResults_data();
     void prepareResults();
     void stampAndRestamp();
     void currSet();
     void loadFile();
-    void programNeedsPortAndFile();
 };
 
 // Byte by byte: FF FF | FF FF | date 6 | order 30 | remark 10, texts in GBK.
@@ -44,11 +43,7 @@ void TstFirmware::infoBlockLayout()
     r.OrderId = "订单A-1";
     r.RemarkStamp = "K700操作员";
     const QByteArray blk = writeBitInfRec(r);
-    QCOMPARE(blk.size(), 50);
-    QCOMPARE(blk.left(4), QByteArray::fromHex("FFFFFFFF"));
-    QCOMPARE(blk.mid(4, 6), QByteArray("2615  "));
-    QCOMPARE(blk.mid(10, 30), (toGbk("订单A-1") + QByteArray(23, ' ')));
-    QCOMPARE(blk.mid(40, 10).toHex(), QByteArray("4b373030b2d9d7f7d4b1"));
+    QCOMPARE(blk, QByteArray::fromHex("FFFFFFFF") + "2615  " + toGbk("订单A-1") + QByteArray(23, ' ') + kRemarkGbk);
     BitInfRec back;
     QVERIFY(readBitInfRec(QByteArray(1024, 'x') + blk, 1024, &back));
     QCOMPARE(back.DeviceId, int16_t(-1));
@@ -57,30 +52,13 @@ void TstFirmware::infoBlockLayout()
     QVERIFY(!readBitInfRec(QByteArray(1024, 'x') + blk.left(49), 1024, &back));
     QVERIFY(!readBitInfRec(blk, -1, &back));
 
-    // Sixteen double-byte characters don't fit 30 bytes: cut whole, never split.
+    // Double-byte characters that don't fit 30 bytes are cut whole, never split.
     r.OrderId = QString(16, QChar(0x8BA2));   // 订
     QCOMPARE(writeBitInfRec(r).mid(10, 30), toGbk(QString(15, QChar(0x8BA2))));
     r.OrderId = "A" + QString(15, QChar(0x8BA2));
     QCOMPARE(writeBitInfRec(r).mid(10, 30), toGbk("A" + QString(14, QChar(0x8BA2))) + ' ');
     r.DeviceId = 0x1234;
     QCOMPARE(writeBitInfRec(r).left(2), QByteArray::fromHex("3412"));
-}
-
-void TstFirmware::dateUpdated_data()
-{
-    QTest::addColumn<QDate>("day");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("19 Nov 2026") << QDate(2026, 11, 19) << "261119";
-    QTest::newRow("5 Jan 2026") << QDate(2026, 1, 5) << "2615";
-    QTest::newRow("31 Dec 2099") << QDate(2099, 12, 31) << "991231";
-    QTest::newRow("1 Oct 2030") << QDate(2030, 10, 1) << "30101";
-}
-
-void TstFirmware::dateUpdated()
-{
-    QFETCH(QDate, day);
-    QFETCH(QString, text);
-    QCOMPARE(dateUpdatedText(day), text);
 }
 
 void TstFirmware::prepareResults_data()
@@ -97,7 +75,6 @@ void TstFirmware::prepareResults_data()
     QTest::newRow("smallest") << 1074 << blank << false << 0 << "";
     QTest::newRow("largest") << 32767 << blank << false << 0 << "";
     QTest::newRow("one byte too long") << 32768 << blank << false << 4 << " Image too long：32768(Byte), at most 32767(Byte)";
-    QTest::newRow("far too long") << 200000 << blank << false << 4 << " Image too long：200000(Byte)";
     QTest::newRow("stamped before") << 5000 << QByteArray::fromHex("FFFF0102") << false << 0 << "";
     QTest::newRow("not blank") << 5000 << QByteArray::fromHex("0100") << false << 1 << " Information block not blank：Device ID 1";
     QTest::newRow("half blank") << 5000 << QByteArray::fromHex("FF00") << false << 1 << " Information block not blank：Device ID 255";
@@ -105,6 +82,8 @@ void TstFirmware::prepareResults_data()
     QTest::newRow("KeepInF, enough") << 4096 << blank << true << 0 << "";
 }
 
+// PrepareImage's result and reason, then the same file through Load File and
+// Program: a burn, or the refusal in the log and none.
 void TstFirmware::prepareResults()
 {
     QFETCH(int, len);
@@ -112,70 +91,57 @@ void TstFirmware::prepareResults()
     QFETCH(bool, keep);
     QFETCH(int, result);
     QFETCH(QString, reason);
-    QTemporaryDir dir;
+    BurnBench b;
     QByteArray img = testImage(std::max(len, 0));
     if (len >= 1024 + block.size())
         img.replace(1024, block.size(), block);
-    const QString path = len < 0 ? dir.filePath("missing.BIN") : writeFile(dir, "image.BIN", img);
-
-    BurnBench b;
+    const QString path = len < 0 ? b.dir.filePath("missing.BIN") : b.file(img);
     b.link.view.Check1[1] = keep;
     QString why;
     QCOMPARE(int(PrepareImage(b.link, b.burn, path, &why)), result);
     QVERIFY2(reason.isEmpty() ? why.isEmpty() : why.startsWith(reason), qPrintable(why));
     if (result == 0) {
-        QCOMPARE(b.burn.BinLen, len);
         QCOMPARE(b.burn.BinData.size(), len + 1);
         QCOMPARE(b.burn.BinData.back(), '\0');
     }
 
-    // Through the Program button: the same refusal in the log, no burn.
-    b.responder = [](const QByteArray &r) { return obligingDevice(r, QByteArray(12, '\x5A')); };
+    b.obliging(QByteArray(12, '\x5A'));
     b.open();
-    ChooseFile(b.link, b.burn, path);
-    Command4Click(b.link, b.burn);
-    if (result == 0) {
-        QVERIFY(b.burning());
-    } else {
-        QVERIFY(!b.burning());
-        QCOMPARE(b.link.ModeRequest, uint8_t(0));
+    b.program(path);
+    QCOMPARE(b.burning(), result == 0);
+    if (result != 0)
         QVERIFY(b.link.view.RTB.contains(" File open error \r\n2026-11-23 09:30:00" + reason));
-    }
 }
 
-// The stamp: only the 50 bytes at 1024 change; a stamped file prepares again.
+// The stamp: only the 50 bytes at 1024 change; a stamped file prepares again
+// with the new day's date (no leading zeros) and order text.
 void TstFirmware::stampAndRestamp()
 {
-    QTemporaryDir dir;
-    const QByteArray img = testImage(3000);
-    const QString path = writeFile(dir, "image.BIN", img);
     BurnBench b;
+    const QByteArray img = testImage(3000);
     b.link.view.NotesTxt[5] = "ORDER-2026-0042";
-    QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(0));
+    QCOMPARE(PrepareImage(b.link, b.burn, b.file(img)), int16_t(0));
     QByteArray expect = img;
-    expect.replace(1024, 50, QByteArray::fromHex("FFFFFFFF") + "261123" + QByteArray("ORDER-2026-0042").leftJustified(30, ' ')
-                   + QByteArray::fromHex("4b373030b2d9d7f7d4b1"));
-    QCOMPARE(b.burn.BinData.left(3000), expect);
+    expect.replace(1024, 50, QByteArray::fromHex("FFFFFFFF") + "261123"
+                   + QByteArray("ORDER-2026-0042").leftJustified(30, ' ') + kRemarkGbk);
+    QCOMPARE(b.stamped(), expect);
 
-    // Saved stamped and prepared on another day: the new date wins.
-    const QString again = writeFile(dir, "stamped.BIN", b.burn.BinData.left(3000));
+    const QString again = b.file(b.stamped(), "stamped.BIN");
     b.link.now = [] { return QDateTime(QDate(2027, 2, 3), QTime(7, 0)); };
     b.link.view.NotesTxt[5] = QString(40, 'x');
     QCOMPARE(PrepareImage(b.link, b.burn, again), int16_t(0));
-    QCOMPARE(b.burn.BinData.mid(1028, 6), QByteArray("2723  "));
-    QCOMPARE(b.burn.BinData.mid(1034, 30), QByteArray(30, 'x'));
+    QCOMPARE(b.burn.BinData.mid(1028, 36), "2723  " + QByteArray(30, 'x'));
     b.link.view.NotesTxt[5].clear();
     QCOMPARE(PrepareImage(b.link, b.burn, again), int16_t(0));
     QCOMPARE(b.burn.BinData.mid(1034, 30), QByteArray(30, ' '));
 }
 
-// CurrSet: the stamped settings block goes to 2048 and 3072.
+// CurrSet: the stamped settings block goes to 2048 and 3072, or the image is refused.
 void TstFirmware::currSet()
 {
-    QTemporaryDir dir;
-    const QByteArray img = testImage(5000);
-    const QString path = writeFile(dir, "image.BIN", img);
     BurnBench b;
+    const QByteArray img = testImage(5000);
+    const QString path = b.file(img);
     b.link.view.Check1[2] = true;
     QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(2));   // no parameter engine
 
@@ -185,33 +151,27 @@ void TstFirmware::currSet()
     putLe32(p.SetImage, kImageLengthAt, 100 - 32);
     b.burn.params = &p;
     QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(0));
-    QCOMPARE(CheckImage(p.SetImage, p.Tables[0]), int16_t(0));
     QCOMPARE(b.burn.BinData.mid(2048, 100), p.SetImage.left(100));
     QCOMPARE(b.burn.BinData.mid(3072, 100), p.SetImage.left(100));
-    QCOMPARE(b.burn.BinData.mid(2148, 924), img.mid(2148, 924));
     QCOMPARE(b.burn.BinData.mid(3172), img.mid(3172) + '\0');
 
     putLe32(p.SetImage, kImageLengthAt, 5);     // a length that doesn't fit the table
     QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(2));
     putLe32(p.SetImage, kImageLengthAt, 100 - 32);
-    QCOMPARE(PrepareImage(b.link, b.burn, writeFile(dir, "short.BIN", testImage(3100))), int16_t(2));
-    b.link.view.Check1[2] = false;
-    QCOMPARE(PrepareImage(b.link, b.burn, path), int16_t(0));
-    QCOMPARE(b.burn.BinData.left(5000).mid(2048), img.mid(2048));
+    QCOMPARE(PrepareImage(b.link, b.burn, b.file(testImage(3100), "short.BIN")), int16_t(2));
 }
 
 // Load File: the dialog, its start folder, the log lines, Program enabled or not.
 void TstFirmware::loadFile()
 {
-    QTemporaryDir dir;
-    const QString path = writeFile(dir, "image.BIN", testImage(2500));
     BurnBench b;
+    const QString path = b.file(testImage(2500));
     DialogPrompter dp;
     b.link.prompter = &dp;
     b.link.view.NotesTxt[2] = path;
     dp.files << path;
     Command3Click(b.link, b.burn);
-    QCOMPARE(dp.startDir, dir.path());
+    QCOMPARE(dp.startDir, b.dir.path());
     QCOMPARE(dp.filter, QString("File(*.BIN)|*.BIN"));
     QCOMPARE(b.link.BinPath, path);
     QCOMPARE(b.burn.BinLen, 2500);
@@ -219,10 +179,18 @@ void TstFirmware::loadFile()
     QVERIFY(!b.link.view.Command3Enabled);   // the tick gives it back while the port is open
     QCOMPARE(b.link.view.RTB, "2026-11-23 09:30:00 File path：" + path + "\r\n"
                                   "2026-11-23 09:30:00 File size：2500(Byte)\r\n");
-    QCOMPARE(b.link.view.InfLab, path);
+
+    // Program with the port closed resets the strip only; the tick keeps both buttons off.
+    b.link.view.PersLabVisible = true;
+    Command4Click(b.link, b.burn);
+    QVERIFY(!b.burning() && !b.link.view.PersLabVisible);
+    QCOMPARE(b.logged("\r\n"), 2);
+    b.tick();
+    QVERIFY(!b.link.view.Command3Enabled && !b.link.view.Command4Enabled);
+    b.link.view.Command4Enabled = true;
 
     // A file that can't be opened ends the click: path and Program stay.
-    dp.files << dir.filePath("gone.BIN");
+    dp.files << b.dir.filePath("gone.BIN");
     Command3Click(b.link, b.burn);
     QCOMPARE(b.link.BinPath, path);
     QCOMPARE(b.burn.BinLen, 0);
@@ -230,46 +198,17 @@ void TstFirmware::loadFile()
     QVERIFY(b.link.view.Command3Enabled);
 
     // A cancelled dialog forgets the good choice; so does a name of 5 characters.
-    b.link.view.NotesTxt[2] = dir.filePath("nothing-here.BIN");
+    b.link.view.NotesTxt[2] = b.dir.filePath("nothing-here.BIN");
     Command3Click(b.link, b.burn);
     QCOMPARE(dp.startDir, QString());
     QVERIFY(b.link.BinPath.isEmpty());
-    QCOMPARE(b.burn.BinLen, 0);
     QVERIFY(!b.link.view.Command4Enabled);
-    dp.files << path;
+    dp.files << path << "a.BIN";
     Command3Click(b.link, b.burn);
-    dp.files << "a.BIN";
     Command3Click(b.link, b.burn);
     QVERIFY(b.link.BinPath.isEmpty());
     QVERIFY(!b.link.view.Command4Enabled);
-    QCOMPARE(int(b.link.view.RTB.count("File path")), 2);
-}
-
-// Program with the port closed resets the strip only; with a file gone missing
-// it logs the refusal.
-void TstFirmware::programNeedsPortAndFile()
-{
-    QTemporaryDir dir;
-    const QString path = writeFile(dir, "image.BIN", testImage(2500));
-    BurnBench b;
-    ChooseFile(b.link, b.burn, path);
-    const QString log = b.link.view.RTB;
-    b.link.view.PersLabVisible = true;
-    Command4Click(b.link, b.burn);
-    QVERIFY(!b.burning());
-    QVERIFY(!b.link.view.PersLabVisible);
-    QCOMPARE(b.link.view.RTB, log);
-    b.tick();
-    QVERIFY(!b.link.view.Command3Enabled);
-    QVERIFY(!b.link.view.Command4Enabled);
-
-    b.open();
-    b.tick();
-    QVERIFY(b.link.view.Command3Enabled);
-    QFile::remove(path);
-    Command4Click(b.link, b.burn);
-    QVERIFY(!b.burning());
-    QVERIFY(b.link.view.RTB.endsWith(" File open error \r\n2026-11-23 09:30:00 No such file：" + path + "\r\n"));
+    QCOMPARE(b.logged("File path"), 2);
 }
 
 QTEST_GUILESS_MAIN(TstFirmware)
