@@ -5,12 +5,22 @@
 #include "portcontrol.h"
 
 #include <QDir>
+#include <csignal>
 
 using namespace pyro;
 
 namespace {
 
-enum Exit { kOk = 0, kRefused = 1, kUsage = 2, kPortFailed = 3, kTimedOut = 4 };
+enum Exit { kOk = 0, kRefused = 1, kUsage = 2, kPortFailed = 3, kTimedOut = 4, kInterrupted = 5 };
+
+// Ctrl-C is how an AutoLoad run without a chip count ends: it is taken as a
+// click on Stop, so that the day's record still gets the chips burned.
+volatile std::sig_atomic_t g_interrupted = 0;
+
+extern "C" void onInterrupt(int)
+{
+    g_interrupted = 1;
+}
 
 int usage(CliSession &s, const QString &why)
 {
@@ -77,6 +87,8 @@ int cliBurn(const QStringList &argsIn)
         return code;
     };
 
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
     if (!s.openPort())
         return finish(kPortFailed, "cannot open port " + s.link.view.ComboSet[0].text + ": " + s.port.errorText());
     ChooseFile(s.link, burn, file);
@@ -101,6 +113,8 @@ int cliBurn(const QStringList &argsIn)
         lastPercent = p;
     };
     auto done = [&] {
+        if (g_interrupted)
+            return true;
         if (!s.port.isOpen()) {
             portLost = true;
             return true;
@@ -115,6 +129,11 @@ int cliBurn(const QStringList &argsIn)
         s.run([&] { return s.link.LinkMode == 0 || !s.port.isOpen(); }, 2);
 
     const QString count = QStringLiteral("%1 chip(s) done").arg(burn.ChipsDone);
+    if (g_interrupted) {
+        if (s.link.view.Command4Caption == QLatin1String("Stop"))
+            Command4Click(s.link, burn);
+        return finish(kInterrupted, "interrupted; " + count);
+    }
     if (portLost)
         return finish(kPortFailed, "the port failed during the burn; " + count);
     if (!inTime)

@@ -47,19 +47,26 @@ struct CliRun {
     QString out, err;
 };
 
-CliRun runCli(const QStringList &args, const QString &home)
+// With stopAfter, the run is sent SIGTERM once its output shows that text.
+CliRun runCli(const QStringList &args, const QString &home, const QByteArray &stopAfter = {})
 {
     QProcess p;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("HOME", home);
     p.setProcessEnvironment(env);
     p.start(PYRO_BIN_DIR "/pyrolink-cli", QStringList{"burn"} + args);
+    QByteArray out;
+    while (!stopAfter.isEmpty() && !out.contains(stopAfter) && p.waitForReadyRead(30000))
+        out += p.readAllStandardOutput();
+    if (!stopAfter.isEmpty())
+        p.terminate();
     if (!p.waitForFinished(120000)) {
         p.kill();
         p.waitForFinished(3000);
         return {};
     }
-    return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
+    out += p.readAllStandardOutput();
+    return {p.exitCode(), QString::fromUtf8(out), QString::fromUtf8(p.readAllStandardError())};
 }
 
 } // namespace
@@ -136,7 +143,7 @@ void TstBurnE2e::autoLoadThreeChips()
 }
 
 // The command line: one chip of the demo firmware with its record, then a
-// port that won't open and a silent board.
+// port that won't open, a silent board, and a run stopped by a signal.
 void TstBurnE2e::cliBurn()
 {
     SimProcess sim;
@@ -164,6 +171,14 @@ void TstBurnE2e::cliBurn()
     QCOMPARE(silent.code, 4);
     QVERIFY(silent.err.contains("time limit of 2 s passed; 0 chip(s) done"));
     QVERIFY(silent.out.contains(" Cancel program"));
+
+    // An AutoLoad run stopped from outside still leaves its record.
+    const CliRun stopped = runCli({"--port", sim.path, "--file", PYRO_DATA_DIR "/demo-firmware.BIN", "--auto"},
+                                  home.path(), "File size");
+    QCOMPARE(stopped.code, 5);
+    QVERIFY(stopped.out.endsWith(" Cancel program\n"));
+    QVERIFY(stopped.err.contains("interrupted; 0 chip(s) done"));
+    QVERIFY(stopped.err.contains("log appended to"));
 }
 
 QTEST_GUILESS_MAIN(TstBurnE2e)
