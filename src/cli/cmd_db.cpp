@@ -59,8 +59,7 @@ int dbTree(const QString &path, const QString &key)
         return 1;
     }
     DbRecord h;
-    if (f.length > 0 && (!GetRec(f, 1, h)
-        || StripPadding(ReadFixedText(AuthorLine(h))) != StripPadding(kAuthorLine))) {
+    if (f.length > 0 && (!GetRec(f, 1, h) || !AuthorLineMatches(h))) {
         QTextStream(stderr) << kMsgTypeMismatch << "\n";
         return 1;
     }

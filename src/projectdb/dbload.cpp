@@ -125,7 +125,9 @@ void WalkChains(DbFile &f, int32_t start,
         visit(r, s.parent, s.depth);
         if (r.NextRec != 0)
             todo.append({r.NextRec, s.parent, s.rec, s.depth, s.parentKey});
-        if (r.ChildRec != 0)
+        if (r.ChildRec != 0 && s.depth + 1 >= kMaxTreeDepth)
+            problems << QStringLiteral("记录 %1 的子节点超过 %2 层，没有显示").arg(s.rec).arg(kMaxTreeDepth);
+        else if (r.ChildRec != 0)
             todo.append({r.ChildRec, s.rec, -1, s.depth + 1, NodeKeyText(s.rec)});
     }
 }
@@ -158,8 +160,7 @@ int16_t LoadDb(ProjectDb &db, const QString &path)
         return 0;
     }
     // Shorter than one record: no header to test, so not a database.
-    if (!GetRec(f, 1, db.HeaderRecord)
-        || StripPadding(ReadFixedText(AuthorLine(db.HeaderRecord))) != StripPadding(kAuthorLine)) {
+    if (!GetRec(f, 1, db.HeaderRecord) || !AuthorLineMatches(db.HeaderRecord)) {
         CloseDbFile(f);
         db.TreePath.clear();
         Report(db, kMsgTypeMismatch);
@@ -252,7 +253,7 @@ QStringList CheckDb(const QString &path)
     DbRecord h;
     if (!GetRec(f, 1, h))
         return {QStringLiteral("文件只有 %1 字节，没有完整的文件头").arg(f.length)};
-    if (StripPadding(ReadFixedText(AuthorLine(h))) != StripPadding(kAuthorLine))
+    if (!AuthorLineMatches(h))
         return {QStringLiteral("文件头的 AuthorLine 不对：不是项目数据库")};
     if (!WholeRecords(f))
         problems << QStringLiteral("文件长度 %1 不是 %2 的整数倍，最后一个记录不完整")

@@ -127,6 +127,11 @@ QString StripPadding(const QString &text)
     return s;
 }
 
+bool AuthorLineMatches(const DbRecord &h)
+{
+    return StripPadding(fromGbk(AuthorLine(h).left(rec::FixedWidth))) == StripPadding(kAuthorLine);
+}
+
 void PackField(QByteArray &field, const QString &text, const QString &key, int limit)
 {
     if (field.isEmpty())

@@ -104,6 +104,10 @@ QString ReadFixedText(const QByteArray &field);
 // The text without any blank and any NUL character.
 QString StripPadding(const QString &text);
 
+// The one type test of a file. Blanks and NULs count as padding wherever
+// they stand, so the whole field is decoded before they are stripped.
+bool AuthorLineMatches(const DbRecord &h);
+
 // Text codec of the packed fields. With the empty key the GBK bytes are stored
 // as they stand; with a key each byte is XORed with a mask, except a byte that
 // equals its mask, so no stored byte is ever 0 and the terminator always ends

@@ -91,6 +91,12 @@ int TouchDb(ProjectDb &db, const QString &path);
 int RefreshTwin(ProjectDb &db, const QString &path);
 QString TwinPath(const QString &path);
 
+// Levels of the tree that a load shows. The tree model checks every node
+// against its whole line of parents, so a file nested thousands deep (only a
+// damaged or made-up one is) would take minutes to show and overflow the stack
+// when the tree is cleared; deeper levels are reported as damage instead.
+constexpr int kMaxTreeDepth = 1000;
+
 // Walks every chain from start depth first, children before the next
 // sibling, and calls visit(record, parent record or -1, depth) for each
 // record that can be shown. Each problem found goes to problems; nothing

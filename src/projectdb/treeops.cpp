@@ -81,6 +81,16 @@ void buildNewItem(ProjectDb &db, int32_t no, bool clearImage)
     w.Reserved3 = 0;
 }
 
+// The record number for a new item. A header marked free would be handed
+// out as record 1 and overwritten; that file is refused with a reason.
+int32_t newRecNo(DbFile &f)
+{
+    const int32_t no = FindFreeRec(f);
+    if (no == 1)
+        f.error = QStringLiteral("文件头（记录 1）的 Used 是 0");
+    return no;
+}
+
 QString newTitle(const ProjectDb &db)
 {
     return UnpackField(db.WorkRecord.Caption, db.LoginKey, kCaptionLimit);
@@ -106,9 +116,10 @@ bool getNeighbours(DbFile &f, const DbRecord &s, Neighbours &n, bool wantNext)
     return true;
 }
 
-// Takes s out of its sibling chain (DeleteNode and UnlinkNode alike).
-// Writes r as record no ahead of s, then mends the one link that pointed
-// at s: the previous sibling's, else the parent's first child, else FirstRec.
+// Writes r as record no ahead of s, then mends the one link that pointed at
+// s: the previous sibling's (before s), else the parent's first child (after
+// s), else FirstRec (after s). InsertBefore and MoveCutNode write in this
+// order, which fixes what an interrupted one leaves.
 bool putAhead(ProjectDb &db, DbFile &f, int32_t no, DbRecord &r, DbRecord &s, Neighbours &n)
 {
     r.PrevRec = n.hasPrev ? s.PrevRec : -1;
@@ -129,6 +140,7 @@ bool putAhead(ProjectDb &db, DbFile &f, int32_t no, DbRecord &r, DbRecord &s, Ne
     return ok && PutRec(f, 1, db.HeaderRecord);
 }
 
+// Takes s out of its sibling chain (DeleteNode and UnlinkNode alike).
 bool unlinkFromChain(ProjectDb &db, DbFile &f, const DbRecord &s, Neighbours &n)
 {
     if (n.hasPrev && n.hasNext) {
@@ -289,7 +301,7 @@ int AddTopLevel(ProjectDb &db)
         DbFile f;
         if (!openForEdit(db, f))
             return 1;
-        const int32_t no = FindFreeRec(f);
+        const int32_t no = newRecNo(f);
         if (no < 2 || !appendTopLevel(db, f, no, true))
             return failEdit(db, f);
         AddNode(db.tree, QString(), NodeKeyText(no), newTitle(db));
@@ -304,7 +316,7 @@ int AddChild(ProjectDb &db)
         DbFile f;
         if (!openForEdit(db, f))
             return 1;
-        const int32_t no = FindFreeRec(f);
+        const int32_t no = newRecNo(f);
         if (no < 2)
             return failEdit(db, f);
         QStandardItem *sel = selectedNode(db);
@@ -383,7 +395,7 @@ int InsertBefore(ProjectDb &db)
         Neighbours n;
         if (!GetItem(f, KeyToRec(NodeKey(sel)), s) || !getNeighbours(f, s, n, false))
             return failEdit(db, f);
-        const int32_t no = FindFreeRec(f);
+        const int32_t no = newRecNo(f);
         if (no < 2)
             return failEdit(db, f);
         buildNewItem(db, no, true);

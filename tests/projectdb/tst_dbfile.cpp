@@ -315,15 +315,20 @@ void TstDbFile::loadHeaderVariants()
     const QString p = fx.fresh();
     fx.addTop();
 
-    // MagicLine is never read; AuthorLine padded with NULs still matches.
+    // MagicLine is never read; blanks and NULs are padding wherever they stand.
     DbRecord h = recordAt(p, 1);
     MagicLine(h) = PadFixedText(QStringLiteral("anything at all"));
-    AuthorLine(h) = toGbk(kAuthorLine) + QByteArray(20 - toGbk(kAuthorLine).size(), '\0');
-    putRecordAt(p, 1, h);
-    fx.prompter.shown.clear();
-    QCOMPARE(LoadDb(fx.db, p), int16_t(0));
-    QVERIFY(fx.prompter.shown.isEmpty());
-    QCOMPARE(NodeCount(fx.db.tree), 1);
+    const QByteArray author = toGbk(kAuthorLine);
+    for (const QByteArray &line : {author + QByteArray(20 - author.size(), '\0'),
+                                   QByteArray("\0 ", 2) + author + QByteArray(18 - author.size(), '\0'),
+                                   author.left(4) + QByteArray(" \0", 2) + author.mid(4) + QByteArray(18 - author.size(), ' ')}) {
+        AuthorLine(h) = line;
+        putRecordAt(p, 1, h);
+        fx.prompter.shown.clear();
+        QCOMPARE(LoadDb(fx.db, p), int16_t(0));
+        QVERIFY2(fx.prompter.shown.isEmpty(), qPrintable(fx.prompter.shown.join(';')));
+        QCOMPARE(NodeCount(fx.db.tree), 1);
+    }
 
     // Another AuthorLine: a file of another kind, the tree emptied.
     AuthorLine(h) = PadFixedText(QStringLiteral("作者：Someone"));

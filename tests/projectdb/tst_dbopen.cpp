@@ -18,6 +18,7 @@ private slots:
     void damaged();
     void damageFoundByAnEdit();
     void unreadable();
+    void tooDeep();
 };
 
 // A sound database with items 2, 3 at the top and 4 under 2.
@@ -313,6 +314,48 @@ void TstDbOpen::damageFoundByAnEdit()
     QCOMPARE(PasteCutNode(fx.db), 1);
     QCOMPARE(fileBytes(p), bytes2);
     QCOMPARE(fx.prompter.shown.size(), 1);
+
+    // A header marked free would be the first free record: never handed out.
+    DbRecord h = recordAt(p, 1);
+    h.Used = 0;
+    putRecordAt(p, 1, h);
+    const QByteArray bytes3 = fileBytes(p);
+    fx.prompter.shown.clear();
+    QCOMPARE(fx.addTop(), 1);
+    QCOMPARE(fileBytes(p), bytes3);
+    QVERIFY(fx.prompter.shown.value(0).contains(QStringLiteral("记录 1")));
+}
+
+void TstDbOpen::tooDeep()
+{
+    // A sound-looking chain nested past what the tree shows: the load stops
+    // at that depth with the damage message, and nothing is written.
+    DbFixture fx;
+    const QString p = fx.fresh();
+    QByteArray b = fileBytes(p);
+    DbRecord h = recordAt(p, 1);
+    FirstRec(h) = 2;
+    b.replace(0, kRecordSize, EncodeRecord(h));
+    const int levels = kMaxTreeDepth + 5;
+    for (int n = 2; n < levels + 2; ++n) {
+        DbRecord r;
+        r.Used = 1;
+        r.ParentRec = n == 2 ? -1 : n - 1;
+        r.PrevRec = -1;
+        r.ChildRec = n < levels + 1 ? n + 1 : 0;
+        r.SelfRec = n;
+        r.ParentKey = n == 2 ? QByteArray(20, ' ') : PadFixedText(NodeKeyText(n - 1));
+        r.NodeKey = PadFixedText(NodeKeyText(n));
+        b.append(EncodeRecord(r));
+    }
+    writeBytes(p, b);
+    fx.prompter.shown.clear();
+    QCOMPARE(LoadDb(fx.db, p), int16_t(2));
+    QCOMPARE(NodeCount(fx.db.tree), kMaxTreeDepth);
+    QCOMPARE(fx.prompter.shown.size(), 1);
+    QVERIFY(fx.prompter.shown[0].startsWith("提示|" + kMsgDamaged));
+    QCOMPARE(fileBytes(p), b);
+    QVERIFY(!CheckDb(p).isEmpty());
 }
 
 void TstDbOpen::unreadable()
