@@ -16,7 +16,6 @@ private slots:
     void imageModeIsSeparate();
     void keyToRec_data();
     void keyToRec();
-    void stripPadding();
     void createAndLoad();
     void loadHeaderVariants();
     void findFreeRec();
@@ -25,60 +24,28 @@ private slots:
 
 void TstDbFile::recordOffsets()
 {
-    // Distinct values in every field, then look for them at their offsets.
-    DbRecord r;
-    r.Used = 1;
-    r.ParentRec = -1;            // ff ff ff ff at 2
-    r.PrevRec = 0x01020304;      // 04 03 02 01 at 6
-    r.NextRec = 0x11121314;
-    r.ChildRec = 0x21222324;
-    r.SelfRec = 0x31323334;
-    r.ParentKey = PadFixedText(QStringLiteral("PK"));
-    r.NodeKey = PadFixedText(NodeKeyText(12));
-    r.Caption[0] = 'C';
-    r.Reserved1 = 0x4142;
-    r.Expanded = -1;
-    r.NodeColor = 0x00FF8040;
-    r.ParamImage[0] = 'I';
-    r.ParamImage[1025] = 'J';
-    r.FunctionText[0] = 'F';
-    r.ProgramFile[0] = 'P';
-    r.ConfigFile[0] = 'c';
-    r.DisplayFile[0] = 'd';
-    r.OrderNumber[0] = 'o';
-    r.Remark[0] = 'r';
-    r.Reserved2[13] = 'z';
-    r.Reserved3 = 0x5152;
-    const QByteArray b = EncodeRecord(r);
-    QCOMPARE(b.size(), 2790);
-    QCOMPARE(b.mid(0, 2), QByteArray("\x01\x00", 2));
-    QCOMPARE(b.mid(2, 4), QByteArray("\xff\xff\xff\xff"));
-    QCOMPARE(b.mid(6, 4), QByteArray("\x04\x03\x02\x01"));
-    QCOMPARE(b.mid(10, 4), QByteArray("\x14\x13\x12\x11"));
-    QCOMPARE(b.mid(14, 4), QByteArray("\x24\x23\x22\x21"));
-    QCOMPARE(b.mid(18, 4), QByteArray("\x34\x33\x32\x31"));
-    QCOMPARE(b.mid(22, 20), QByteArray("PK                  "));
-    QCOMPARE(b.mid(42, 20), QByteArray(" 12key              "));
-    QCOMPARE(b.at(62), 'C');
-    QCOMPARE(b.mid(104, 2), QByteArray("\x42\x41"));
-    QCOMPARE(b.mid(106, 2), QByteArray("\xff\xff"));
-    QCOMPARE(b.mid(108, 4), QByteArray("\x40\x80\xff\x00", 4));
-    QCOMPARE(b.at(112), 'I');
-    QCOMPARE(b.at(112 + 1025), 'J');
-    QCOMPARE(b.at(1138), 'F');
-    QCOMPARE(b.at(2164), 'P');
-    QCOMPARE(b.at(2366), 'c');
-    QCOMPARE(b.at(2468), 'd');
-    QCOMPARE(b.at(2570), 'o');
-    QCOMPARE(b.at(2672), 'r');
-    QCOMPARE(b.at(2774 + 13), 'z');
-    QCOMPARE(b.mid(2788, 2), QByteArray("\x52\x51"));
-    // And back, every field.
-    QCOMPARE(EncodeRecord(DecodeRecord(b)), b);
+    // Every byte distinct from its neighbours: each decoded field must come
+    // from its own offset, little-endian, and go back to the same bytes.
+    QByteArray b(kRecordSize, '\0');
+    for (int i = 0; i < b.size(); ++i)
+        b[i] = char(i * 7 + 3);
+    const DbRecord r = DecodeRecord(b);
+    const struct { int value, offset, width; } ints[] = {
+        {r.Used, 0, 2}, {r.ParentRec, 2, 4}, {r.PrevRec, 6, 4}, {r.NextRec, 10, 4},
+        {r.ChildRec, 14, 4}, {r.SelfRec, 18, 4}, {r.Reserved1, 104, 2}, {r.Expanded, 106, 2},
+        {r.NodeColor, 108, 4}, {r.Reserved3, 2788, 2}};
+    for (const auto &f : ints)
+        QCOMPARE(f.value, f.width == 2 ? int(int16_t(getLe16(b, f.offset))) : int(getLe32(b, f.offset)));
+    const struct { QByteArray field; int offset; } texts[] = {
+        {r.ParentKey, 22}, {r.NodeKey, 42}, {r.Caption, 62}, {r.ParamImage, 112},
+        {r.FunctionText, 1138}, {r.ProgramFile, 2164}, {r.ConfigFile, 2366}, {r.DisplayFile, 2468},
+        {r.OrderNumber, 2570}, {r.Remark, 2672}, {r.Reserved2, 2774}};
+    for (const auto &f : texts)
+        QCOMPARE(f.field, b.mid(f.offset, f.field.size()));
+    QCOMPARE(r.Caption.size() + r.ParamImage.size() + r.Reserved2.size(), 42 + 1026 + 14);
+    QCOMPARE(EncodeRecord(r), b);
     // A short buffer decodes without reading past its end.
-    const DbRecord shortRec = DecodeRecord(b.left(20));
-    QCOMPARE(shortRec.ParentRec, -1);
-    QCOMPARE(shortRec.SelfRec, 0);
+    QCOMPARE(DecodeRecord(b.left(20)).SelfRec, 0);
 }
 
 void TstDbFile::workedExample()
@@ -135,27 +102,37 @@ void TstDbFile::packWithKey_data()
 {
     QTest::addColumn<QString>("key");
     QTest::addColumn<QString>("text");
-    QTest::newRow("empty key") << QString() << QStringLiteral("程序 A1");
-    QTest::newRow("one byte key") << QStringLiteral("k") << QStringLiteral("abc");
-    QTest::newRow("chinese key") << QStringLiteral("口令") << QStringLiteral("客户变体 K700 备注");
-    QTest::newRow("long text") << QStringLiteral("Dovrin") << QString(300, QChar('x'));
+    QTest::addColumn<int>("width");
+    QTest::addColumn<int>("limit");
+    const QString zhong20(20, QChar(0x4E2D));   // 40 GBK bytes
+    QTest::newRow("empty key") << QString() << QStringLiteral("程序 A1") << 202 << 200;
+    QTest::newRow("one byte key") << QStringLiteral("k") << QStringLiteral("abc") << 202 << 200;
+    QTest::newRow("chinese key") << QStringLiteral("口令") << QStringLiteral("客户变体 K700 备注") << 202 << 200;
+    QTest::newRow("long text cut") << QStringLiteral("Dovrin") << QString(300, QChar('x')) << 202 << 200;
+    QTest::newRow("41-byte title") << QString() << zhong20 + 'Z' << 42 << 40;
+    QTest::newRow("cut inside a character") << QString() << zhong20 + QChar(0x4E2D) << 42 << 39;
+    QTest::newRow("exactly the limit") << QString() << QString(100, 'n') << 102 << 100;
+    QTest::newRow("LastUser") << QStringLiteral("key") << QStringLiteral("operator-longname") << 14 << 12;
 }
 
 void TstDbFile::packWithKey()
 {
     QFETCH(QString, key);
     QFETCH(QString, text);
-    QByteArray field(202, '\x55');
-    PackField(field, text, key, 200);
-    const QByteArray t = toGbk(text).left(200);
-    QCOMPARE(field.at(t.size()), '\0');
+    QFETCH(int, width);
+    QFETCH(int, limit);
+    QByteArray field(width, '\x55');
+    PackField(field, text, key, limit);
+    const QByteArray t = toGbk(text).left(limit);
+    QCOMPARE(field.at(t.size()), '\0');   // inside the field even at the limit
     for (int i = 0; i < t.size(); ++i)
         QVERIFY2(field.at(i) != '\0', "no stored byte is 0");
     if (key.isEmpty())
         QCOMPARE(field.left(t.size()), t);
     if (t.size() + 1 < field.size())
         QCOMPARE(field.at(t.size() + 1), '\x55');   // behind the terminator untouched
-    QCOMPARE(UnpackField(field, key, 200), fromGbk(t));
+    QCOMPARE(UnpackField(field, key, limit), fromGbk(t));
+    QVERIFY(!UnpackField(field, key, limit).contains('Z'));
 }
 
 void TstDbFile::packLimits()
@@ -168,32 +145,6 @@ void TstDbFile::packLimits()
     QCOMPARE(uint8_t(field.at(1)), uint8_t(0x6B ^ ((0x6B & 1) ^ 0x6B)));   // 'k' ^ m(1) = 0x6B ^ 0x6A
     QCOMPARE(field.at(2), '\0');
     QCOMPARE(UnpackField(field, QStringLiteral("k"), 40), QStringLiteral("kk"));
-
-    // A 41-byte title comes back with 40; the 41st is gone from the file.
-    QByteArray caption(42, '\x77');
-    const QString title41 = QString(20, QChar(0x4E2D)) + 'Z';   // 20 x 2 GBK bytes + 1
-    QCOMPARE(toGbk(title41).size(), 41);
-    PackField(caption, title41, QString(), 40);
-    QCOMPARE(caption.at(40), '\0');
-    QVERIFY(!caption.contains('Z'));
-    QCOMPARE(UnpackField(caption, QString(), 40), QString(20, QChar(0x4E2D)));
-
-    // A cut through a double-byte character leaves half a character, not a crash.
-    PackField(caption, QString(21, QChar(0x4E2D)), QString(), 39);
-    QCOMPARE(caption.at(39), '\0');
-    QCOMPARE(UnpackField(caption, QString(), 40).left(19), QString(19, QChar(0x4E2D)));
-
-    // Exactly limit bytes: the terminator at offset limit, still inside the field.
-    QByteArray note(102, '\x01');
-    PackField(note, QString(100, 'n'), QString(), 100);
-    QCOMPARE(note.at(100), '\0');
-    QCOMPARE(note.at(101), '\x01');
-
-    // LastUser's 14 bytes with limit 12.
-    QByteArray user(14, '\x02');
-    PackField(user, QStringLiteral("operator-longname"), QStringLiteral("key"), 12);
-    QCOMPARE(user.at(12), '\0');
-    QCOMPARE(UnpackField(user, QStringLiteral("key"), 12), QStringLiteral("operator-lon"));
 
     // Reading stops at the limit even without a terminator, and at the field's end.
     QCOMPARE(UnpackField(QByteArray(10, 'a'), QString(), 100), QString(10, 'a'));
@@ -251,14 +202,6 @@ void TstDbFile::keyToRec()
     QFETCH(QString, key);
     QFETCH(int, rec);
     QCOMPARE(KeyToRec(key), rec);
-}
-
-void TstDbFile::stripPadding()
-{
-    QCOMPARE(StripPadding(QStringLiteral(" a b") + QChar(0) + QStringLiteral("c  ")), QStringLiteral("abc"));
-    QCOMPARE(NodeKeyText(12), QStringLiteral(" 12key              "));
-    QCOMPARE(ReadFixedText(QByteArray("ab\0cd", 5)), QStringLiteral("ab"));
-    QCOMPARE(PadFixedText(QString(30, 'x')).size(), 20);
 }
 
 void TstDbFile::createAndLoad()
