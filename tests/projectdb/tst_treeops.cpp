@@ -8,8 +8,10 @@ class TstTreeOps : public QObject {
 private slots:
     void addTopLevel();
     void addChild();
+    void insertBefore_data();
     void insertBefore();
     void deleteNode();
+    void moveNode_data();
     void moveNode();
     void moveRefused();
     void renameAndExpand();
@@ -88,40 +90,40 @@ void TstTreeOps::addChild()
     QVERIFY(fx.prompter.shown.isEmpty());
 }
 
+void TstTreeOps::insertBefore_data()
+{
+    // Small tree 2 [4 [6], 5], 3; the new item is record 7.
+    QTest::addColumn<int>("target");
+    QTest::addColumn<QStringList>("lines");
+    QTest::newRow("first top-level") << 2 << QStringList({"7", "2", "  4", "    6", "  5", "3"});
+    QTest::newRow("first child") << 4 << QStringList({"2", "  7", "  4", "    6", "  5", "3"});
+    QTest::newRow("middle child") << 5 << QStringList({"2", "  4", "    6", "  7", "  5", "3"});
+    QTest::newRow("last top-level") << 3 << QStringList({"2", "  4", "    6", "  5", "7", "3"});
+    QTest::newRow("no selection") << 0 << QStringList();
+}
+
 void TstTreeOps::insertBefore()
 {
+    QFETCH(int, target);
+    QFETCH(QStringList, lines);
     DbFixture fx;
     const QString p = buildSmallTree(fx);
-    // No selection: the message, and the file is not touched.
     const QByteArray before = fileBytes(p);
-    QCOMPARE(InsertBefore(fx.db), 1);
-    QCOMPARE(fx.prompter.shown, QStringList{"提示|没有选择节点！"});
-    QCOMPARE(fileBytes(p), before);
-
-    // Ahead of the first top-level item: FirstRec moves.
-    fx.select(2);
+    fx.select(target);
+    if (lines.isEmpty()) {
+        QCOMPARE(InsertBefore(fx.db), 1);
+        QCOMPARE(fx.prompter.shown, QStringList{"提示|没有选择节点！"});
+        QCOMPARE(fileBytes(p), before);
+        return;
+    }
     QCOMPARE(InsertBefore(fx.db), 0);
-    QCOMPARE(FirstRec(recordAt(p, 1)), 7);
-    QCOMPARE(recordAt(p, 7).NextRec, 2);
-    QCOMPARE(recordAt(p, 7).PrevRec, -1);
-    QCOMPARE(recordAt(p, 2).PrevRec, 7);
-    // Ahead of a first child: the parent's ChildRec moves.
-    fx.select(4);
-    QCOMPARE(InsertBefore(fx.db), 0);
-    QCOMPARE(recordAt(p, 2).ChildRec, 8);
-    QCOMPARE(recordAt(p, 8).ParentRec, 2);
-    QCOMPARE(recordAt(p, 8).ParentKey, PadFixedText(NodeKeyText(2)));
-    // Ahead of a middle item: the previous one's NextRec.
-    fx.select(5);
-    QCOMPARE(InsertBefore(fx.db), 0);
-    QCOMPARE(recordAt(p, 4).NextRec, 9);
-    QCOMPARE(recordAt(p, 9).PrevRec, 4);
-    QCOMPARE(recordAt(p, 9).NextRec, 5);
-    QCOMPARE(fx.db.tree.Selected, NodeKeyText(5));
-    const QStringList expected{"7", "2", "  8", "  4", "    6", "  9", "  5", "3"};
-    QCOMPARE(treeLines(fx.db.tree), expected);
+    QCOMPARE(treeLines(fx.db.tree), lines);
+    QCOMPARE(fx.db.tree.Selected, NodeKeyText(target));
+    QCOMPARE(recordAt(p, 7).ParamImage.left(1025), QByteArray(1025, '\0'));
+    // Every link and key agrees (FirstRec, ChildRec, PrevRec, ParentKey), and a reload shows the same.
+    QCOMPARE(CheckDb(p), QStringList());
     LoadDb(fx.db, p);
-    QCOMPARE(treeLines(fx.db.tree), expected);
+    QCOMPARE(treeLines(fx.db.tree), lines);
 }
 
 void TstTreeOps::deleteNode()
@@ -187,62 +189,47 @@ void TstTreeOps::deleteNode()
     QVERIFY(CheckDb(p).isEmpty());
 }
 
+void TstTreeOps::moveNode_data()
+{
+    QTest::addColumn<int>("cut");
+    QTest::addColumn<int>("target");
+    QTest::addColumn<QStringList>("lines");
+    QTest::newRow("child to top level") << 4 << 3 << QStringList({"2", "  5", "4", "  6", "3"});
+    QTest::newRow("ahead of first top-level") << 3 << 2 << QStringList({"3", "2", "  4", "    6", "  5"});
+    QTest::newRow("ahead of first child") << 5 << 4 << QStringList({"2", "  5", "  4", "    6", "3"});
+    QTest::newRow("top level to grandchild") << 3 << 6 << QStringList({"2", "  4", "    3", "    6", "  5"});
+    QTest::newRow("ahead of own next") << 4 << 5 << QStringList({"2", "  4", "    6", "  5", "3"});
+}
+
 void TstTreeOps::moveNode()
 {
+    QFETCH(int, cut);
+    QFETCH(int, target);
+    QFETCH(QStringList, lines);
     DbFixture fx;
     const QString p = buildSmallTree(fx);
+    const DbRecord moving = recordAt(p, cut);
     const QByteArray child6 = EncodeRecord(recordAt(p, 6));
-
-    // Mark 4 (with its child 6), move it ahead of 3 at the top level.
-    fx.select(4);
+    fx.select(cut);
     MarkCutNode(fx.db);
-    QCOMPARE(fx.db.CutIndex, 4);
     QVERIFY(fx.db.Medite.MnodePast.enabled);
     QCOMPARE(treeLines(fx.db.tree).size(), 5);   // the tree does not change yet
-    fx.select(3);
+    fx.select(target);
     QCOMPARE(PasteCutNode(fx.db), 0);
     QVERIFY(!fx.db.Medite.MnodePast.enabled);
-    QCOMPARE(fx.db.CutIndex, 4);
-    const QStringList moved{"2", "  5", "4", "  6", "3"};
-    QCOMPARE(treeLines(fx.db.tree), moved);
-    QCOMPARE(FindNode(fx.db.tree, NodeKeyText(6))->parent(), FindNode(fx.db.tree, NodeKeyText(4)));
-    QCOMPARE(fx.db.tree.Selected, NodeKeyText(3));
-    const DbRecord r4 = recordAt(p, 4);
-    QCOMPARE(r4.Used, int16_t(1));
-    QCOMPARE(r4.ParentRec, -1);
-    QCOMPARE(r4.ParentKey, QByteArray(20, ' '));
-    QCOMPARE(r4.NodeKey, PadFixedText(NodeKeyText(4)));
-    QCOMPARE(r4.ChildRec, 6);
-    QCOMPARE(EncodeRecord(recordAt(p, 6)), child6);   // not a single write to the child
-    QCOMPARE(recordAt(p, 2).ChildRec, 5);
-    QCOMPARE(recordAt(p, 5).PrevRec, -1);
-    QVERIFY(CheckDb(p).isEmpty());
-    LoadDb(fx.db, p);
-    QCOMPARE(treeLines(fx.db.tree), moved);
-
-    // Ahead of the first top-level item, then ahead of a first child.
-    fx.select(3);
-    MarkCutNode(fx.db);
-    fx.select(2);
-    QCOMPARE(PasteCutNode(fx.db), 0);
-    QCOMPARE(FirstRec(recordAt(p, 1)), 3);
-    fx.select(4);
-    MarkCutNode(fx.db);
-    fx.select(5);
-    QCOMPARE(PasteCutNode(fx.db), 0);
-    QCOMPARE(recordAt(p, 2).ChildRec, 4);
-    QCOMPARE(recordAt(p, 4).ParentKey, PadFixedText(NodeKeyText(2)));
-    QCOMPARE(treeLines(fx.db.tree), QStringList({"3", "2", "  4", "    6", "  5"}));
-    QVERIFY(CheckDb(p).isEmpty());
+    QCOMPARE(fx.db.CutIndex, cut);
+    QCOMPARE(treeLines(fx.db.tree), lines);
+    // Same number, key and children; the child's record not written at all.
+    const DbRecord moved = recordAt(p, cut);
+    QCOMPARE(moved.NodeKey, moving.NodeKey);
+    QCOMPARE(moved.ChildRec, moving.ChildRec);
+    QCOMPARE(moved.Caption, moving.Caption);
+    if (cut == 4)
+        QCOMPARE(EncodeRecord(recordAt(p, 6)), child6);
+    QCOMPARE(CheckDb(p), QStringList());
     QVERIFY(fx.prompter.shown.isEmpty());
-
-    // An editing item forgets the mark.
-    fx.select(5);
-    MarkCutNode(fx.db);
-    QVERIFY(fx.db.Medite.MnodePast.enabled);
-    fx.addChildOf(3);
-    QVERIFY(!fx.db.Medite.MnodePast.enabled);
-    QCOMPARE(fx.db.CutIndex, -1);
+    LoadDb(fx.db, p);
+    QCOMPARE(treeLines(fx.db.tree), lines);
 }
 
 void TstTreeOps::moveRefused()
@@ -325,6 +312,13 @@ void TstTreeOps::menuStates()
     QVERIFY(TreeMouseUp(fx.db));
     QVERIFY(fx.db.Medite.Minsertback.enabled);
     QVERIFY(fx.db.Medite.Mdelect.enabled);
+    // An editing item forgets a mark.
+    fx.select(2);
+    MarkCutNode(fx.db);
+    QVERIFY(fx.db.Medite.MnodePast.enabled);
+    fx.addChildOf(2);
+    QVERIFY(!fx.db.Medite.MnodePast.enabled);
+    QCOMPARE(fx.db.CutIndex, -1);
 }
 
 QTEST_GUILESS_MAIN(TstTreeOps)
