@@ -236,20 +236,6 @@ void TstDbFile::createAndLoad()
     CreateDb(fx.db, p);
     QCOMPARE(QFileInfo(p).size(), 2790);
     QCOMPARE(NodeCount(fx.db.tree), 0);
-
-    // Deleting every item leaves a longer file that loads as empty.
-    fx.fresh(QStringLiteral("All.MPK"));
-    fx.addTop();
-    fx.addTop();
-    fx.select(2);
-    QCOMPARE(DeleteNode(fx.db), 0);
-    fx.select(3);
-    QCOMPARE(DeleteNode(fx.db), 0);
-    QCOMPARE(QFileInfo(fx.path("All.MPK")).size(), 3 * 2790);
-    QCOMPARE(FirstRec(recordAt(fx.path("All.MPK"), 1)), -1);
-    fx.prompter.shown.clear();
-    QCOMPARE(LoadDb(fx.db, fx.path("All.MPK")), int16_t(0));
-    QCOMPARE(fx.prompter.shown, QStringList{"提示|空文件，无数据记录！"});
 }
 
 void TstDbFile::loadHeaderVariants()

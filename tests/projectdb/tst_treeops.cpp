@@ -10,7 +10,9 @@ private slots:
     void addChild();
     void insertBefore_data();
     void insertBefore();
+    void deleteNode_data();
     void deleteNode();
+    void deleteSubtree();
     void moveNode_data();
     void moveNode();
     void moveRefused();
@@ -126,7 +128,42 @@ void TstTreeOps::insertBefore()
     QCOMPARE(treeLines(fx.db.tree), lines);
 }
 
+void TstTreeOps::deleteNode_data()
+{
+    // Small tree 2 [4 [6], 5], 3 and a third top-level item 7.
+    QTest::addColumn<int>("target");
+    QTest::addColumn<QStringList>("lines");
+    QTest::newRow("top, both siblings") << 3 << QStringList({"2", "  4", "    6", "  5", "7"});
+    QTest::newRow("top, last") << 7 << QStringList({"2", "  4", "    6", "  5", "3"});
+    QTest::newRow("top, first with subtree") << 2 << QStringList({"3", "7"});
+    QTest::newRow("first child") << 4 << QStringList({"2", "  5", "3", "7"});
+    QTest::newRow("last child") << 5 << QStringList({"2", "  4", "    6", "3", "7"});
+    QTest::newRow("only child") << 6 << QStringList({"2", "  4", "  5", "3", "7"});
+}
+
 void TstTreeOps::deleteNode()
+{
+    QFETCH(int, target);
+    QFETCH(QStringList, lines);
+    DbFixture fx;
+    const QString p = buildSmallTree(fx);
+    fx.addTop();
+    const qint64 length = QFileInfo(p).size();
+    fx.select(target);
+    QCOMPARE(DeleteNode(fx.db), 0);
+    QCOMPARE(treeLines(fx.db.tree), lines);
+    QVERIFY(fx.db.tree.Selected.isEmpty());
+    const DbRecord s = recordAt(p, target);
+    QCOMPARE(s.Used, int16_t(0));
+    QCOMPARE(s.SelfRec, 0);
+    QCOMPARE(s.NodeKey, QByteArray(20, ' '));
+    QCOMPARE(QFileInfo(p).size(), length);
+    QCOMPARE(CheckDb(p), QStringList());
+    LoadDb(fx.db, p);
+    QCOMPARE(treeLines(fx.db.tree), lines);
+}
+
+void TstTreeOps::deleteSubtree()
 {
     DbFixture fx;
     const QString p = buildSmallTree(fx);
@@ -135,58 +172,39 @@ void TstTreeOps::deleteNode()
     fx.addChildOf(7);
     const qint64 length = QFileInfo(p).size();
     const DbRecord deep = recordAt(p, 8);
-
     fx.select(0);
     QCOMPARE(DeleteNode(fx.db), 1);
     QCOMPARE(fx.prompter.shown.last(), QStringLiteral("提示|没有选择节点！"));
 
     fx.select(4);
     QCOMPARE(DeleteNode(fx.db), 0);
-    QCOMPARE(QFileInfo(p).size(), length);
     for (int n : {4, 6, 7, 8})
         QCOMPARE(recordAt(p, n).Used, int16_t(0));
     // Descendants lose nothing but Used.
     DbRecord freed = recordAt(p, 8);
     freed.Used = 1;
     QCOMPARE(EncodeRecord(freed), EncodeRecord(deep));
-    // The deleted record itself is cleared.
-    const DbRecord s = recordAt(p, 4);
-    QCOMPARE(s.ParentRec, -1);
-    QCOMPARE(s.SelfRec, 0);
-    QCOMPARE(s.NodeKey, QByteArray(20, ' '));
-    QCOMPARE(s.Caption.at(0), '\0');
-    QCOMPARE(recordAt(p, 2).ChildRec, 5);
-    QCOMPARE(recordAt(p, 5).PrevRec, -1);
-    QCOMPARE(treeLines(fx.db.tree), QStringList({"2", "  5", "3"}));
-    QVERIFY(fx.db.tree.Selected.isEmpty());
 
     // Reused lowest number first, and the file keeps its length.
     for (int expected : {4, 6, 7, 8, 9}) {
         fx.select(3);
         QCOMPARE(AddChild(fx.db), 0);
-        QCOMPARE(recordAt(p, expected).Used, int16_t(1));
         QCOMPARE(recordAt(p, expected).ParentRec, 3);
     }
     QCOMPARE(QFileInfo(p).size(), length + 2790);
 
-    // Last child, middle and first top-level item, then the only one.
-    fx.select(9);
-    QCOMPARE(DeleteNode(fx.db), 0);
-    QCOMPARE(recordAt(p, 8).NextRec, 0);
-    fx.select(6);
-    QCOMPARE(DeleteNode(fx.db), 0);
-    QCOMPARE(recordAt(p, 4).NextRec, 7);
-    QCOMPARE(recordAt(p, 7).PrevRec, 4);
-    fx.select(2);
-    QCOMPARE(DeleteNode(fx.db), 0);
-    QCOMPARE(FirstRec(recordAt(p, 1)), 3);
-    QCOMPARE(recordAt(p, 3).PrevRec, -1);
-    fx.select(3);
-    QCOMPARE(DeleteNode(fx.db), 0);
+    // Down to the only item and past it: FirstRec -1, the length kept.
+    for (int n : {2, 3}) {
+        fx.select(n);
+        QCOMPARE(DeleteNode(fx.db), 0);
+    }
     QCOMPARE(FirstRec(recordAt(p, 1)), -1);
     QCOMPARE(NodeCount(fx.db.tree), 0);
     QCOMPARE(QFileInfo(p).size(), length + 2790);
     QVERIFY(CheckDb(p).isEmpty());
+    fx.prompter.shown.clear();
+    QCOMPARE(LoadDb(fx.db, p), int16_t(0));
+    QCOMPARE(fx.prompter.shown, QStringList{"提示|空文件，无数据记录！"});
 }
 
 void TstTreeOps::moveNode_data()
