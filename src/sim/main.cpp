@@ -312,7 +312,7 @@ int main(int argc, char **argv)
     p.addOption({QStringLiteral("erase-ticks"), QStringLiteral("Ticks a page erase takes."), QStringLiteral("n")});
     p.addOption({QStringLiteral("swap-after-burn"), QStringLiteral("A new chip after each finished image.")});
     p.addOption({QStringLiteral("settings"), QStringLiteral("Factory settings block from a file."), QStringLiteral("file")});
-    p.addOption({QStringLiteral("fault"), QStringLiteral("Arm a fault: NAME[:count[:function]]."), QStringLiteral("spec")});
+    p.addOption({QStringLiteral("fault"), QStringLiteral("Arm a fault: NAME[:count[:function]]."), QStringLiteral("fault")});
     p.addOption({QStringLiteral("no-stdin"), QStringLiteral("Take no commands; run until a signal.")});
     p.addOption({QStringLiteral("trace"), QStringLiteral("Frames in and out on stderr.")});
     p.process(app);
@@ -350,10 +350,10 @@ int main(int argc, char **argv)
     }
 
     SimHost host(o, p.isSet(QStringLiteral("trace")));
-    for (const QString &spec : p.values(QStringLiteral("fault"))) {
-        const QStringList parts = spec.split(QLatin1Char(':'));
+    for (const QString &given : p.values(QStringLiteral("fault"))) {
+        const QStringList parts = given.split(QLatin1Char(':'));
         if (parts.size() > 3 || !SimHost::armFault(host.board(), parts.value(0), parts.value(1), parts.value(2)))
-            return fail(QStringLiteral("bad --fault %1").arg(spec));
+            return fail(QStringLiteral("bad --fault %1").arg(given));
     }
 
     QString slave, error;
