@@ -14,8 +14,11 @@ struct DbFixture {
     pyro::ProjectDb db;
     QDateTime clock{QDate(2026, 3, 14), QTime(9, 26, 53)};
 
-    DbFixture()
+    DbFixture() { restart(); }
+    // The program as it starts: no database open, no tree.
+    void restart()
     {
+        db = pyro::ProjectDb();
         db.prompter = &prompter;
         db.now = [this] { return clock; };
     }
@@ -33,6 +36,17 @@ struct DbFixture {
     void select(int32_t rec) { db.tree.Selected = rec > 0 ? pyro::NodeKeyText(rec) : QString(); }
     int addTop() { return pyro::AddTopLevel(db); }
     int addChildOf(int32_t rec) { select(rec); return pyro::AddChild(db); }
+
+    // The worked example: items 2, 3 at the top and 4 under 2, nothing selected.
+    QString threeItems(const QString &name = QStringLiteral("Test.MPK"))
+    {
+        const QString p = fresh(name);
+        addTop();
+        addTop();
+        addChildOf(2);
+        select(0);
+        return p;
+    }
 };
 
 inline QByteArray fileBytes(const QString &path)
@@ -77,4 +91,14 @@ inline QStringList treeLines(const pyro::DbTree &t)
     };
     walk(t.model->invisibleRootItem(), 0);
     return out;
+}
+
+// The tree shows lines, every link and key of the file agrees (FirstRec,
+// ChildRec, PrevRec, ParentKey), and a reload shows the same tree.
+inline void expectTree(DbFixture &fx, const QString &path, const QStringList &lines)
+{
+    QCOMPARE(treeLines(fx.db.tree), lines);
+    QCOMPARE(pyro::CheckDb(path), QStringList());
+    pyro::LoadDb(fx.db, path);
+    QCOMPARE(treeLines(fx.db.tree), lines);
 }
