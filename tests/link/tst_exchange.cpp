@@ -25,149 +25,83 @@ class TstExchange : public QObject {
 private slots:
     void outcomes_data();
     void outcomes();
-    void splitLateAndEarlyBytes();
-    void sendTimeoutAndRefusedFrame();
-    void nothingFlushedAtSend();
+    void noTransmitNotice();
 };
 
 void TstExchange::outcomes_data()
 {
-    QTest::addColumn<QByteArray>("reply");
+    QTest::addColumn<QByteArray>("early");             // in the port as the frame goes out
+    QTest::addColumn<QList<QByteArray>>("perTick");   // piece i comes just before tick i + 1
+    QTest::addColumn<int>("endTick");                 // counted from the transmit-empty notice
     QTest::addColumn<int>("result");
-    QTest::addColumn<int>("endTick");
-    // Reply given right after the transmit-empty notice; quiet limit 3.
-    QTest::newRow("good identity") << MBBuildFrame(0xF1, fromHexLine("01 11 22 33 44 55 66 77 88 99 AA BB CC")) << 0 << 3;
-    QTest::newRow("4 bytes good") << MBBuildFrame(0xF1, QByteArray()) << 0 << 3;
-    QTest::newRow("3 bytes") << fromHexLine("01 F1 00") << 3 << 3;
-    QTest::newRow("1 byte") << fromHexLine("7E") << 3 << 3;
-    QTest::newRow("crc low byte first") << fromHexLine("01 F0 00 64 00") << 4 << 3;
-    QTest::newRow("noise") << fromHexLine("FF FF FF FF FF FF") << 4 << 3;
-    QTest::newRow("wrong function") << MBBuildFrame(0xF0, QByteArray(1, '\2')) << 5 << 3;
-    QTest::newRow("silent peer") << QByteArray() << 2 << 5;
+    const QByteArray poll = MBBuildFrame(0xF0, QByteArray(1, '\2'));
+    const auto at = [](int tick, const QByteArray &bytes) { return QList<QByteArray>(tick - 1) << bytes; };
+    QList<QByteArray> trickle;   // a byte on each of ticks 1..19
+    for (int t = 1; t <= 19; ++t)
+        trickle << QByteArray(1, char(t));
+
+    // Quiet limit 3, reply limit 20.
+    QTest::newRow("good") << QByteArray() << at(1, poll) << 3 << 0;
+    QTest::newRow("4 bytes good") << QByteArray() << at(1, MBBuildFrame(0xF0, {})) << 3 << 0;
+    QTest::newRow("3 bytes") << QByteArray() << at(1, poll.left(3)) << 3 << 3;
+    QTest::newRow("crc low byte first") << QByteArray() << at(1, fromHexLine("01 F0 00 64 00")) << 3 << 4;
+    QTest::newRow("wrong function") << QByteArray() << at(1, MBBuildFrame(0xF1, {})) << 3 << 5;
+    QTest::newRow("silent peer") << QByteArray() << QList<QByteArray>() << 20 << 2;
+    // A pause of 3 ticks inside a reply cuts it; the rest stays in the port.
+    QTest::newRow("split") << QByteArray() << (at(1, poll.left(3)) << QByteArray() << QByteArray() << poll.mid(3)) << 3 << 3;
+    // Every byte restarts the quiet count, but the reply limit runs on.
+    QTest::newRow("trickle") << QByteArray() << trickle << 20 << 2;
+    QTest::newRow("just inside the limit") << QByteArray() << at(17, poll) << 19 << 0;
+    // Bytes ahead of the notice are the start of the reply: nothing is
+    // flushed, so a late reply to the last request spoils this one.
+    QTest::newRow("bytes while sending") << poll.left(2) << at(1, poll.mid(2)) << 3 << 0;
+    QTest::newRow("late reply in front") << poll << at(1, poll) << 3 << 4;
 }
 
 void TstExchange::outcomes()
 {
-    QFETCH(QByteArray, reply);
-    QFETCH(int, result);
+    QFETCH(QByteArray, early);
+    QFETCH(QList<QByteArray>, perTick);
     QFETCH(int, endTick);
+    QFETCH(int, result);
     LinkBench b;
     b.open();
-    b.send(0xF1, QByteArray(1, char(0xA7)), 3, 5, 10);
+    b.port.deliver(early);
+    b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
+    MBExchangeTick(b.link);   // a tick while the frame is leaving
     QCOMPARE(b.link.MBResult, int16_t(0));   // 0 while under way: not yet success
-    QCOMPARE(b.link.MBStep, int16_t(1));
-    b.port.pump();                            // transmit-empty notice
-    QCOMPARE(b.link.MBStep, int16_t(2));
-    b.port.deliver(reply);
-    QCOMPARE(runUntilIdle(b, 50), endTick);
+    b.port.pump();            // transmit-empty notice
+    QCOMPARE(runUntilIdle(b, 50, [&](int t) { b.port.deliver(perTick.value(t - 1)); }), endTick);
     QCOMPARE(int(b.link.MBResult), result);
-    if (!reply.isEmpty())
-        QCOMPARE(b.link.MBRxBuf, reply);
-    QVERIFY(b.port.pending().isEmpty());
-    QCOMPARE(b.link.MBWait, int16_t(0));
-    QCOMPARE(b.link.MBQuiet, int16_t(0));
-}
 
-void TstExchange::splitLateAndEarlyBytes()
-{
-    const QByteArray reply = MBBuildFrame(0xF0, QByteArray(1, '\2'));
-    {
-        // A pause of 3 ticks inside the reply cuts it: the first part is
-        // judged alone, the rest waits in the port for the next read.
-        LinkBench b;
-        b.open();
-        b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
-        b.port.pump();
-        b.port.deliver(reply.left(3));
-        QCOMPARE(runUntilIdle(b, 50), 3);
-        QCOMPARE(b.link.MBResult, int16_t(3));
-        QCOMPARE(b.link.MBRxBuf, reply.left(3));
-        b.port.deliver(reply.mid(3));
-        MBExchangeTick(b.link);   // an idle engine reads nothing
-        QCOMPARE(b.port.pending(), reply.mid(3));
-    }
-    {
-        // Bytes that keep arriving push the read back; every byte restarts the
-        // quiet count, but the reply limit runs on from the notice.
-        LinkBench b;
-        b.open();
-        b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
-        b.port.pump();
-        const int end = runUntilIdle(b, 50, [&](int t) { if (t <= 19) b.port.deliver(QByteArray(1, char(t))); });
-        QCOMPARE(end, 20);
-        QCOMPARE(b.link.MBResult, int16_t(2));
-        QCOMPARE(b.port.pending().size(), 19);   // still in the port, unread
-    }
-    {
-        // Bytes that come while the frame is still leaving count as the
-        // start of the reply.
-        LinkBench b;
-        b.open();
-        b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
-        b.port.deliver(reply.left(2));
-        MBExchangeTick(b.link);
-        QCOMPARE(b.link.MBStep, int16_t(1));
-        b.port.pump();
-        b.port.deliver(reply.mid(2));
-        QCOMPARE(runUntilIdle(b, 50), 3);
-        QCOMPARE(b.link.MBResult, int16_t(0));
-        QCOMPARE(b.link.MBRxBuf, reply);
-    }
-    {
-        // A reply that arrives just inside the limit is judged; an empty read
-        // before it only restarts the quiet count.
-        LinkBench b;
-        b.open();
-        b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
-        b.port.pump();
-        QCOMPARE(runUntilIdle(b, 50, [&](int t) { if (t == 17) b.port.deliver(reply); }), 19);
-        QCOMPARE(b.link.MBResult, int16_t(0));
+    // A judged reply is all that came before its end; a timed-out exchange
+    // reads nothing, and an idle engine reads nothing either.
+    const QByteArray before = early + perTick.mid(0, endTick).join();
+    const QByteArray after = perTick.mid(endTick).join();
+    b.port.deliver(after);
+    MBExchangeTick(b.link);
+    if (result == 2) {
+        QCOMPARE(b.port.pending(), before + after);
+    } else {
+        QCOMPARE(b.link.MBRxBuf, before);
+        QCOMPARE(b.port.pending(), after);
     }
 }
 
-void TstExchange::sendTimeoutAndRefusedFrame()
+void TstExchange::noTransmitNotice()
 {
-    {
-        // No transmit-empty notice: the reply is never waited for, even if
-        // it has come.
+    // Held notice or a refused frame: outcome 1 on the send limit, and a
+    // reply that came anyway is never waited for.
+    for (const bool refuse : {false, true}) {
         LinkBench b;
         b.open();
-        b.port.holdSendNotice = true;
+        b.port.holdSendNotice = !refuse;
+        b.port.refuseOutput = refuse;
         b.send(0xF1, QByteArray(1, char(0xA7)), 3, 5, 10);
         b.port.deliver(MBBuildFrame(0xF1, QByteArray(13, '\1')));
         QCOMPARE(runUntilIdle(b, 50), 10);
         QCOMPARE(b.link.MBResult, int16_t(1));
     }
-    {
-        // A port that refuses the frame shows as outcome 1 too.
-        LinkBench b;
-        b.open();
-        b.port.refuseOutput = true;
-        b.send(0x03, QByteArray(1, '\0'), 3, 20, 100);
-        QCOMPARE(runUntilIdle(b, 200), 100);
-        QCOMPARE(b.link.MBResult, int16_t(1));
-    }
-}
-
-void TstExchange::nothingFlushedAtSend()
-{
-    // A late reply to the last request sits in front of the next reply, and
-    // the pair fails its CRC: the caller's retry clears the line.
-    LinkBench b;
-    b.open();
-    const QByteArray late = MBBuildFrame(0xF0, QByteArray(1, '\2'));
-    b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
-    b.port.pump();
-    QCOMPARE(runUntilIdle(b, 50), 20);
-    QCOMPARE(b.link.MBResult, int16_t(2));
-    b.port.deliver(late);
-    b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
-    QCOMPARE(b.port.pending(), late);
-    b.port.pump();
-    b.port.deliver(late);
-    QCOMPARE(runUntilIdle(b, 50), 3);
-    QCOMPARE(b.link.MBResult, int16_t(4));
-    QCOMPARE(b.link.MBRxBuf, late + late);
 }
 
 QTEST_APPLESS_MAIN(TstExchange)

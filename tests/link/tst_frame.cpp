@@ -37,26 +37,15 @@ void TstFrame::checkValues()
 
 void TstFrame::crcEdges()
 {
-    const Crc16 abc = CRC16(QByteArray("abc"), 0, 3);
-    QCOMPARE(abc.CRCHiByte, uint8_t(0x57));
-    QCOMPARE(abc.CRCLoByte, uint8_t(0x49));
-
-    const Crc16 none = CRC16(QByteArray("abc"), 0, 0);
-    QCOMPARE(none.value(), uint16_t(0xFFFF));
-
-    // A start inside the buffer covers only the range asked for.
+    // Only the range asked for, cut at the buffer's end; nothing is 0xFFFF.
+    QCOMPARE(CRC16(QByteArray("abc"), 0, 3).value(), uint16_t(0x5749));
     QCOMPARE(CRC16(QByteArray("xxabc"), 2, 3).value(), uint16_t(0x5749));
-    // A range past the end is cut, never read beyond the buffer.
     QCOMPARE(CRC16(QByteArray("abc"), 0, 300).value(), uint16_t(0x5749));
     QCOMPARE(CRC16(QByteArray("abc"), 7, 3).value(), uint16_t(0xFFFF));
+    QCOMPARE(CRC16(QByteArray("abc"), 0, 0).value(), uint16_t(0xFFFF));
 
     // Published Modbus order (low byte first) fails the check.
-    QByteArray swapped = fromHexLine("01 F0 00 64 00");
-    QVERIFY(!FrameCrcOk(swapped));
-    // The address byte is covered by the CRC but not checked by itself.
-    QByteArray foreign = MBBuildFrame(0xF0, QByteArray(1, '\2'));
-    foreign[0] = char(0x07);
-    QVERIFY(!FrameCrcOk(foreign));
+    QVERIFY(!FrameCrcOk(fromHexLine("01 F0 00 64 00")));
     QVERIFY(!FrameCrcOk(QByteArray("\x01", 1)));
 }
 

@@ -31,16 +31,17 @@ public:
 class TstSupervisor : public QObject {
     Q_OBJECT
 private slots:
-    void closedPortAndVanishingPort();
+    void closedPort();
     void monitorTextsAndFailureRhythm();
     void modeHandover();
     void nestedTickIsRefused();
     void portControl();
     void autoDetectAndSettings();
-    void progressStrip();
 };
 
-void TstSupervisor::closedPortAndVanishingPort()
+// Never opened, or pulled in the middle of an exchange: the tick shows the
+// closed port, drops an armed burn and sends nothing.
+void TstSupervisor::closedPort()
 {
     LinkBench b;
     b.link.BurnArmed = 1;
@@ -52,16 +53,9 @@ void TstSupervisor::closedPortAndVanishingPort()
     QCOMPARE(b.link.BurnArmed, int16_t(0));
     QVERIFY(b.port.written.isEmpty());
 
-    int status = 2;
-    answerPolls(b, &status);
     b.open();
-    QCOMPARE(b.link.view.SB[1], QString("Serial uart has ben Opened"));
-    b.ticks(5);
-    QCOMPARE(b.link.view.SB[1], QString("Link normal-run mode"));
+    b.ticks(2);
     QVERIFY(b.link.view.Command3Enabled);
-
-    // The adapter is pulled in the middle of an exchange: the next tick shows
-    // the closed port and nothing more is sent.
     b.port.vanish();
     const auto sent = b.port.written.size();
     b.ticks(30);
@@ -84,17 +78,15 @@ void TstSupervisor::monitorTextsAndFailureRhythm()
     QCOMPARE(polls, 6);
     QCOMPARE(b.link.TryCount, int16_t(0));
 
-    status = 3;
-    b.ticks(25);
-    QCOMPARE(b.link.view.SB[1], QString("Link normal-stop mode"));
-    status = 1;
-    b.ticks(10);
-    QCOMPARE(b.link.view.SB[1], QString("Link normal-download mode"));
-
+    const QStringList texts{"Link normal-download mode", "Link normal-run mode", "Link normal-stop mode"};
+    for (status = 1; status <= 3; ++status) {
+        b.ticks(25);
+        QCOMPARE(b.link.view.SB[1], texts[status - 1]);
+    }
     // Status 0 or 4 keeps the text but counts as a good poll.
     status = 4;
     b.ticks(10);
-    QCOMPARE(b.link.view.SB[1], QString("Link normal-download mode"));
+    QCOMPARE(b.link.view.SB[1], texts.last());
     QCOMPARE(b.link.TryCount, int16_t(1));
 
     // After a good poll the failure comes with the fifth failed one, then
@@ -127,8 +119,6 @@ void TstSupervisor::modeHandover()
     answerPolls(b, &status);
     b.open();
     b.tick();                       // the monitor's poll goes out
-    b.port.pump();
-    QCOMPARE(b.link.MBStep, int16_t(2));
     // Two requests before the tick takes one: only the last counts, and only
     // once the exchange under way has its outcome (20 ticks, silent peer).
     b.link.ModeRequest = 3;
@@ -139,10 +129,6 @@ void TstSupervisor::modeHandover()
     QCOMPARE(b.link.LinkMode, uint8_t(4));
     QCOMPARE(steps3, 0);
     QCOMPARE(steps4, 1);
-    // An unknown mode does nothing on a tick.
-    b.link.ModeRequest = 9;
-    b.ticks(3);
-    QCOMPARE(b.link.LinkMode, uint8_t(9));
     // Back to the monitor: its StateWord starts at 0 and it polls at once.
     b.link.ModeRequest = 0;
     const auto sent = b.port.written.size();
@@ -175,10 +161,6 @@ void TstSupervisor::nestedTickIsRefused()
 void TstSupervisor::portControl()
 {
     LinkBench b;
-    QCOMPARE(MBSettings(b.link.view), QString("57600,n,8,1"));
-    QCOMPARE(b.link.view.ComboSet[0].list.size(), 30);
-    QCOMPARE(b.link.view.ComboSet[5].text, QString("512"));
-
     // A port that won't open: the box, and nothing changes.
     b.port.refusedNames << "/dev/fake0";
     b.open();
@@ -186,7 +168,7 @@ void TstSupervisor::portControl()
     QCOMPARE(b.link.view.Command2Caption, QString("OpenUart"));
     QCOMPARE(b.link.view.Shape1, qRgb(250, 0, 0));
     QVERIFY(!b.port.isOpen());
-    // A settings text the port can't use fails the same way.
+    // Settings the port can't use fail the same way.
     b.port.refusedNames.clear();
     b.link.view.ComboSet[3].text = "4";
     b.open();
@@ -195,18 +177,16 @@ void TstSupervisor::portControl()
     b.link.view.ComboSet[3].text = "8";
 
     b.open();
-    QVERIFY(b.port.isOpen());
     QCOMPARE(b.link.view.Command2Caption, QString("CloseUart"));
     QCOMPARE(b.link.view.Shape1, qRgb(0, 255, 0));
-    QCOMPARE(b.port.openedSettings.baud, 57600);
 
     // A change of any box during a burn closes the port and cancels the burn.
     b.link.view.Command4Caption = "Stop";
     b.link.ModeRequest = 1;
     b.link.BurnArmed = 1;
     b.link.BurnBegun = 1;
-    b.link.BinPath = "/fw/app.BIN";
-    ShowProgress(b.link.view, b.link.BinPath, 0.5f);
+    ShowProgress(b.link.view, "/fw/app.BIN", 0.25f);
+    QCOMPARE(b.link.view.PersLabWidth, 2120);   // a quarter of the strip less its margin
     ComboSetChange(b.link, 5);
     QVERIFY(!b.port.isOpen());
     QCOMPARE(b.link.view.SB[1], QString("Serial uart has ben closed"));
@@ -215,7 +195,6 @@ void TstSupervisor::portControl()
     QCOMPARE(b.link.ModeRequest, uint8_t(0));
     QCOMPARE(b.link.BurnArmed + b.link.BurnBegun, 0);
     QVERIFY(!b.link.view.PersLabVisible);
-    QCOMPARE(b.link.view.InfLab, QString("/fw/app.BIN"));
     // While closed a change does nothing; a click opens again as the boxes stand.
     ComboSetChange(b.link, 1);
     QCOMPARE(b.link.view.Command2Caption, QString("OpenUart"));
@@ -242,48 +221,21 @@ void TstSupervisor::autoDetectAndSettings()
     QCOMPARE(b.link.view.Command2Caption, QString("OpenUart"));
     QCOMPARE(b.link.view.RTB, QString("2026-11-23 09:30:00 Cancel burning\r\n"));
     QCOMPARE(b.link.ModeRequest, uint8_t(0));
-    // No port at all: an empty list, and opening then fails with the box.
-    AutoDetect(b.link, {});
-    QVERIFY(b.link.view.ComboSet[0].text.isEmpty());
-    b.open();
-    QCOMPARE(b.prompter.shown.last(), QString("Hint|Serial port error！"));
-    QCOMPARE(b.link.view.RTB.count("\r\n"), 1);   // no burn, no line
 
     // Names: a device path as is; COMn through a link in the program's
-    // folder when there is one.
+    // folder when there is one (the link is taken end to end).
     QTemporaryDir dir;
     QCOMPARE(ResolvePortName("/dev/ttyUSB0", dir.path()), QString("/dev/ttyUSB0"));
-    QCOMPARE(ResolvePortName("COM4", dir.path()), QString("/dev/ttyS3"));
     QCOMPARE(ResolvePortName("COM12", dir.path()), QString("/dev/ttyS11"));
-    QVERIFY(QFile::link("/dev/null", dir.filePath("COM4")));
-    QCOMPARE(ResolvePortName("COM4", dir.path()), dir.filePath("COM4"));
     QVERIFY(ResolvePortName("COMx", dir.path()).isEmpty());
-    QVERIFY(ResolvePortName("", dir.path()).isEmpty());
 
     PortSettings ps;
     QVERIFY(ParseSettings("9600,e,7,2", &ps));
     QCOMPARE(ps.parity, 'e');
     QVERIFY(!ParseSettings("57600,8,1", &ps));
-    QVERIFY(!ParseSettings("abc,n,8,1", &ps));
-    QVERIFY(!ParseSettings("57600,n,9,1", &ps));
+    QVERIFY(!ParseSettings("abc,n,8,1", &ps));   // bad data bits: through the open button
     b.link.view.ComboSet[2].text = "Odd";
     QCOMPARE(MBSettings(b.link.view), QString("57600,o,8,1"));
-}
-
-void TstSupervisor::progressStrip()
-{
-    View v;
-    ShowProgress(v, "a.BIN", 1.0f);
-    QVERIFY(v.PersLabVisible);
-    QCOMPARE(v.PersLabWidth, v.InfLabWidth - 20);
-    ShowProgress(v, "a.BIN", 0.25f);
-    QCOMPARE(v.PersLabWidth, 2120);
-    ShowProgress(v, "b.BIN", 0);
-    QVERIFY(!v.PersLabVisible);
-    QCOMPARE(v.InfLab, QString("b.BIN"));
-    QCOMPARE(RoundHalfEven(2.5), 2);
-    QCOMPARE(RoundHalfEven(3.5), 4);
-    QCOMPARE(RoundHalfEven(-2.5), -2);
 }
 
 QTEST_APPLESS_MAIN(TstSupervisor)

@@ -115,10 +115,8 @@ private slots:
     void refusalsChangeNothing_data();
     void refusalsChangeNothing();
     void runningValuesAtReadTime();
-    void parameterUpdateSaveErase();
     void faultOutcome_data();
     void faultOutcome();
-    void silenceAndSwap();
     void streamResync_data();
     void streamResync();
     void noiseNeverStalls();
@@ -156,13 +154,14 @@ void TstSimBoard::burnLeavesImageInFlash()
         QCOMPARE(t.ask(kFnLinkPoll), 2);   // out of the loader, the new firmware runs
         return;
     }
-    // The burned chip goes; after a silence the next one answers, blank and
-    // with an identity of its own.
+    // The burned chip goes; after a silence the next one answers, blank, in
+    // its loader and with an identity of its own.
     simRun(t.port, t.board, t.link, o.swapOffTicks);
     QCOMPARE(t.exchange(kFnIdentify), 2);
     simRun(t.port, t.board, t.link, o.swapGoneTicks);
     const QByteArray next = t.identity();
     QVERIFY(next.size() == 12 && next != id);
+    QCOMPARE(t.ask(kFnLinkPoll), 1);
     QCOMPARE(simFlash(t.board, kSimFlashBase, size), QByteArray(size, char(0xFF)));
 }
 
@@ -257,25 +256,6 @@ void TstSimBoard::runningValuesAtReadTime()
     }
 }
 
-void TstSimBoard::parameterUpdateSaveErase()
-{
-    SimOptions o;
-    o.factorySettings = patterned(96, 1);
-    Bench t(o);
-    const QByteArray factory = o.factorySettings, edited = patterned(96, 2), saved = patterned(96, 3);
-    // The working copy in RAM, then the flash page.
-    auto copies = [&] { return QByteArrayList{t.read(kSimWorkingAddr, 96), t.read(kSimSettingsAddr, 96)}; };
-
-    QCOMPARE(t.ask(kFnWriteParams, paramsBody(kSimWorkingAddr, 0x00, edited)), 0);   // update
-    QCOMPARE(copies(), (QByteArrayList{edited, factory}));
-    QCOMPARE(t.ask(kFnWriteParams, paramsBody(kSimWorkingAddr, 0xAA, saved)), 0);    // save
-    QCOMPARE(copies(), (QByteArrayList{saved, saved}));
-
-    // Erase puts the factory block back in both.
-    QCOMPARE(t.ask(kFnEraseParams, fromHexLine("44 33 22 11")), 0);
-    QCOMPARE(copies(), (QByteArrayList{factory, factory}));
-}
-
 void TstSimBoard::faultOutcome_data()
 {
     QTest::addColumn<QString>("fault");
@@ -326,22 +306,6 @@ void TstSimBoard::faultOutcome()
     QVERIFY(t.board.faults.isEmpty());
 }
 
-void TstSimBoard::silenceAndSwap()
-{
-    Bench t;
-    simSetSilent(t.board, true);
-    QCOMPARE(t.exchange(kFnLinkPoll), 2);
-    simSetSilent(t.board, false);
-    QCOMPARE(t.ask(kFnLinkPoll), 2);
-
-    // A new chip: the identity given, in its loader, nothing in its flash.
-    const QByteArray id = fromHexLine("A0 A1 A2 A3 A4 A5 A6 A7 A8 A9 AA AB");
-    simSwapChip(t.board, id);
-    QCOMPARE(t.identity(), id);
-    QCOMPARE(t.ask(kFnLinkPoll), 1);
-    QCOMPARE(t.read(kSimSettingsAddr, 64), QByteArray(64, char(0xFF)));
-}
-
 void TstSimBoard::streamResync_data()
 {
     QTest::addColumn<QList<QByteArray>>("pieces");   // a tick passes between pieces
@@ -355,12 +319,10 @@ void TstSimBoard::streamResync_data()
 
     QTest::newRow("byte by byte") << bytewise << pollReply;
     QTest::newRow("two in one piece") << QList<QByteArray>{kPoll + kIdentify} << pollReply + idReply;
-    QTest::newRow("garbage in front") << QList<QByteArray>{fromHexLine("FF 00 13 37") + kPoll} << pollReply;
     QTest::newRow("address bytes in front") << QList<QByteArray>{fromHexLine("01 01 01") + kPoll} << pollReply;
     QTest::newRow("unknown function") << QList<QByteArray>{fromHexLine("01 55 00") + kPoll} << pollReply;
     QTest::newRow("bad crc, then good") << QList<QByteArray>{fromHexLine("01 F0 00 64 00"), kPoll} << pollReply;
     QTest::newRow("impossible count") << QList<QByteArray>{fromHexLine("01 07 00 00 00 FF FF") + kPoll} << pollReply;
-    QTest::newRow("half frame then a gap") << QList<QByteArray>{bigWriteHead, {}, {}, {}, {}, kPoll} << pollReply;
     QTest::newRow("half frame, gap, frame in pieces")
         << QList<QByteArray>{bigWriteHead, {}, {}, {}, {}, kIdentify.left(2), kIdentify.mid(2)} << idReply;
 }
