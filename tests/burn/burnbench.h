@@ -56,7 +56,7 @@ struct BurnBench {
     std::optional<pyro::SimBoard> sim;                          // or the simulated board
 
     enum Peer { Scripted, Simulated };
-    explicit BurnBench(Peer peer = Scripted, const pyro::SimOptions &options = {})
+    explicit BurnBench(Peer peer = Scripted)
     {
         link.prompter = &prompter;
         link.now = [] { return QDateTime(QDate(2026, 11, 23), QTime(9, 30, 0)); };
@@ -73,15 +73,11 @@ struct BurnBench {
             }
         };
         if (peer == Simulated) {
-            sim.emplace(options);
+            sim.emplace();
             pyro::attachSim(port, *sim);
         }
     }
     void open() { pyro::Command2Click(link); }
-    void obliging(const QByteArray &identity)
-    {
-        responder = [identity](const QByteArray &r) { return obligingDevice(r, identity); };
-    }
     void tick()
     {
         if (sim) {

@@ -2,11 +2,8 @@
 // control, ticks from a timer, the board's output paced at the line rate.
 #include "../e2e/simprocess.h"
 #include "burnbench.h"
-#include "qtserialcontrol.h"
 
-#include <QEventLoop>
 #include <QTemporaryDir>
-#include <QTimer>
 #include <QtTest>
 
 using namespace pyro;
@@ -42,33 +39,6 @@ struct FlashProbe {
     }
 };
 
-struct CliRun {
-    int code = -1;
-    QString out, err;
-};
-
-// With stopAfter, the run is sent SIGTERM once its output shows that text.
-CliRun runCli(const QStringList &args, const QString &home, const QByteArray &stopAfter = {})
-{
-    QProcess p;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("HOME", home);
-    p.setProcessEnvironment(env);
-    p.start(PYRO_BIN_DIR "/pyrolink-cli", QStringList{"burn"} + args);
-    QByteArray out;
-    while (!stopAfter.isEmpty() && !out.contains(stopAfter) && p.waitForReadyRead(30000))
-        out += p.readAllStandardOutput();
-    if (!stopAfter.isEmpty())
-        p.terminate();
-    if (!p.waitForFinished(120000)) {
-        p.kill();
-        p.waitForFinished(3000);
-        return {};
-    }
-    out += p.readAllStandardOutput();
-    return {p.exitCode(), QString::fromUtf8(out), QString::fromUtf8(p.readAllStandardError())};
-}
-
 } // namespace
 
 class TstBurnE2e : public QObject {
@@ -85,31 +55,20 @@ void TstBurnE2e::autoLoadThreeChips()
     QTemporaryDir dir;
     const int len = 6000;
     const QString path = writeFile(dir, "six.BIN", testImage(len, 3));
-
-    Link l;
-    QtSerialControl port;
-    ScriptedPrompter prompter;
+    LiveLink live(sim.path);
+    Link &l = live.link;
     Burn b;
-    l.prompter = &prompter;
-    AttachPort(l, &port);
     AttachBurn(l, b);
-    InitPortBoxes(l.view);
-    l.view.ComboSet[0].text = sim.path;
     l.view.Check1[3] = true;
     Command2Click(l);
-    QVERIFY2(port.isOpen(), qPrintable(prompter.shown.join(';') + port.errorText()));
+    QVERIFY2(live.port.isOpen(), qPrintable(live.prompter.shown.join(';') + live.port.errorText()));
     ChooseFile(l, b, path);
     Command4Click(l, b);
 
     QList<QByteArray> flashes;
     std::optional<FlashProbe> probe;
     bool probed = false;   // once per image, before its close
-    QEventLoop loop;
-    QTimer tick, deadline;
-    tick.setTimerType(Qt::PreciseTimer);
-    tick.setInterval(15);
-    QObject::connect(&tick, &QTimer::timeout, &loop, [&] {
-        MBTimTimer(l);
+    live.afterTick = [&] {
         if (probe && probe->got.size() >= probe->len) {
             flashes << probe->got;
             probe.reset();
@@ -122,15 +81,10 @@ void TstBurnE2e::autoLoadThreeChips()
             probe.emplace(FlashProbe{l, len});
             l.modeStep[1] = [&] { probe->step(); };
         }
-        if (b.ChipsDone == 3 || !port.isOpen())
-            loop.quit();
-    });
-    deadline.setSingleShot(true);
-    QObject::connect(&deadline, &QTimer::timeout, &loop, &QEventLoop::quit);
-    tick.start();
-    deadline.start(120000);
-    loop.exec();
-    tick.stop();
+        if (b.ChipsDone == 3)
+            live.timer.stop();   // no fourth chip started behind the count
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(b.ChipsDone == 3 || !live.port.isOpen(), 120000);
 
     QVERIFY2(b.ChipsDone == 3, qPrintable(l.view.RTB));
     QCOMPARE(flashes.size(), 3);
@@ -149,32 +103,32 @@ void TstBurnE2e::cliBurn()
     SimProcess sim;
     QVERIFY(sim.start());
     QTemporaryDir home;
+    const QString demo = PYRO_DATA_DIR "/demo-firmware.BIN";
+    auto burn = [&](const QString &port, const QStringList &more, const QByteArray &stopAfter = {}) {
+        return runCli(QStringList{"burn", "--port", port, "--file", demo} + more, home.path(), stopAfter);
+    };
 
-    const CliRun ok = runCli({"--port", sim.path, "--file", PYRO_DATA_DIR "/demo-firmware.BIN",
-                              "--order", "订单-42", "--timeout", "100"}, home.path());
+    const CliRun ok = burn(sim.path, {"--order", "订单-42", "--timeout", "100"});
     QVERIFY2(ok.code == 0, qPrintable(ok.err));
     QVERIFY(ok.out.contains(" File size：24380(Byte)\n"));
-    QVERIFY(ok.out.contains(" Downloading the：1 (chip)\n"));
-    QVERIFY(ok.out.contains(" Has been successfully burning：1 (chip) " PYRO_DATA_DIR "/demo-firmware.BIN\n"));
+    QVERIFY(ok.out.contains(" Has been successfully burning：1 (chip) " + demo + "\n"));
     QVERIFY(ok.out.contains("progress 100% "));
     const QStringList files = QDir(home.filePath("ProRecord(K0)")).entryList({"*(K0).Txt"}, QDir::Files);
     QCOMPARE(files.size(), 1);
     QVERIFY(ok.err.contains(files[0]));
 
-    QTemporaryDir dir;
-    const CliRun noPort = runCli({"--port", dir.filePath("no-such-tty"), "--file", PYRO_DATA_DIR "/demo-firmware.BIN"}, home.path());
+    const CliRun noPort = burn(home.filePath("no-such-tty"), {});
     QCOMPARE(noPort.code, 3);
     QVERIFY(noPort.err.contains("cannot open port"));
 
     sim.command("silent on");
-    const CliRun silent = runCli({"--port", sim.path, "--file", PYRO_DATA_DIR "/demo-firmware.BIN", "--timeout", "2"}, home.path());
+    const CliRun silent = burn(sim.path, {"--timeout", "2"});
     QCOMPARE(silent.code, 4);
     QVERIFY(silent.err.contains("time limit of 2 s passed; 0 chip(s) done"));
     QVERIFY(silent.out.contains(" Cancel program"));
 
     // An AutoLoad run stopped from outside still leaves its record.
-    const CliRun stopped = runCli({"--port", sim.path, "--file", PYRO_DATA_DIR "/demo-firmware.BIN", "--auto"},
-                                  home.path(), "File size");
+    const CliRun stopped = burn(sim.path, {"--auto"}, "File size");
     QCOMPARE(stopped.code, 5);
     QVERIFY(stopped.out.endsWith(" Cancel program\n"));
     QVERIFY(stopped.err.contains("interrupted; 0 chip(s) done"));

@@ -72,8 +72,6 @@ void TstFirmware::prepareResults_data()
     QTest::newRow("no file") << -1 << blank << false << 3 << " No such file：";
     QTest::newRow("empty file") << 0 << blank << false << 1 << " Image too short：0(Byte), the information block needs 1074(Byte)";
     QTest::newRow("block cut short") << 1073 << blank << false << 1 << " Image too short：1073(Byte)";
-    QTest::newRow("smallest") << 1074 << blank << false << 0 << "";
-    QTest::newRow("largest") << 32767 << blank << false << 0 << "";
     QTest::newRow("one byte too long") << 32768 << blank << false << 4 << " Image too long：32768(Byte), at most 32767(Byte)";
     QTest::newRow("stamped before") << 5000 << QByteArray::fromHex("FFFF0102") << false << 0 << "";
     QTest::newRow("not blank") << 5000 << QByteArray::fromHex("0100") << false << 1 << " Information block not blank：Device ID 1";
@@ -82,8 +80,9 @@ void TstFirmware::prepareResults_data()
     QTest::newRow("KeepInF, enough") << 4096 << blank << true << 0 << "";
 }
 
-// PrepareImage's result and reason, then the same file through Load File and
-// Program: a burn, or the refusal in the log and none.
+// PrepareImage's result and reason, then the same file through Program: a
+// burn, or the refusal in the log and none. The smallest and largest images
+// are burned whole in the state machine tests.
 void TstFirmware::prepareResults()
 {
     QFETCH(int, len);
@@ -105,7 +104,7 @@ void TstFirmware::prepareResults()
         QCOMPARE(b.burn.BinData.back(), '\0');
     }
 
-    b.obliging(QByteArray(12, '\x5A'));
+    b.responder = [](const QByteArray &r) { return obligingDevice(r, QByteArray(12, '\x5A')); };
     b.open();
     b.program(path);
     QCOMPARE(b.burning(), result == 0);
@@ -131,9 +130,6 @@ void TstFirmware::stampAndRestamp()
     b.link.view.NotesTxt[5] = QString(40, 'x');
     QCOMPARE(PrepareImage(b.link, b.burn, again), int16_t(0));
     QCOMPARE(b.burn.BinData.mid(1028, 36), "2723  " + QByteArray(30, 'x'));
-    b.link.view.NotesTxt[5].clear();
-    QCOMPARE(PrepareImage(b.link, b.burn, again), int16_t(0));
-    QCOMPARE(b.burn.BinData.mid(1034, 30), QByteArray(30, ' '));
 }
 
 // CurrSet: the stamped settings block goes to 2048 and 3072, or the image is refused.
@@ -174,7 +170,6 @@ void TstFirmware::loadFile()
     QCOMPARE(dp.startDir, b.dir.path());
     QCOMPARE(dp.filter, QString("File(*.BIN)|*.BIN"));
     QCOMPARE(b.link.BinPath, path);
-    QCOMPARE(b.burn.BinLen, 2500);
     QVERIFY(b.link.view.Command4Enabled);
     QVERIFY(!b.link.view.Command3Enabled);   // the tick gives it back while the port is open
     QCOMPARE(b.link.view.RTB, "2026-11-23 09:30:00 File path：" + path + "\r\n"
