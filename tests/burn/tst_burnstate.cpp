@@ -281,6 +281,7 @@ void TstBurnState::cancels_data()
     QTest::newRow("port closed") << "close";
     QTest::newRow("FrameLen changed") << "combo";
     QTest::newRow("Load File") << "load";
+    QTest::newRow("Load File that can't be read") << "unreadable";
 }
 
 // Every way a burn is cut short mid-page (AutoDetect's cancel is the
@@ -305,14 +306,14 @@ void TstBurnState::cancels()
         b.link.view.ComboSet[5].text = "256";
         ComboSetChange(b.link, 5);
     } else {
-        b.prompter.files << path;
+        b.prompter.files << (how == "load" ? path : b.dir.filePath("gone.BIN"));
         Command3Click(b.link, b.burn);
     }
     const QString added = b.link.view.RTB.mid(logBefore);
     QCOMPARE(b.link.view.Command4Caption, QString("Program"));
     QCOMPARE(b.link.ModeRequest, uint8_t(0));
     QCOMPARE(b.link.BurnArmed, int16_t(0));
-    if (how == "load") {
+    if (how == "load" || how == "unreadable") {
         QVERIFY(!added.contains("Cancel"));
         QCOMPARE(b.link.BurnBegun, int16_t(1));
     } else {
