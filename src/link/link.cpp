@@ -1,4 +1,5 @@
 #include "link.h"
+#include "portcontrol.h"
 #include "frame.h"
 #include "crc16.h"
 
@@ -153,6 +154,11 @@ void MBTimTimer(Link &l)
     ++l.ticks;
 
     if (!l.MBMC || !l.MBMC->isOpen()) {
+        // A port that went away by itself (adapter pulled, far end closed)
+        // takes the steps of a click on CloseUart, so that the lamp, the
+        // caption and a running burn agree with the closed port.
+        if (l.view.Command2Caption == QLatin1String("CloseUart"))
+            ClosePort(l);
         l.StateWord = 0;
         l.MBResult = -1;
         l.BurnArmed = 0;
@@ -209,6 +215,12 @@ qint64 RoundHalfEven(double x)
     if (x <= -9.0e18)
         return -qint64(9.0e18);
     return qint64(std::nearbyint(x));   // the default rounding mode is to nearest, ties to even
+}
+
+void MouseHint(View &v, const QString &toolTip)
+{
+    // An empty tool tip empties the panel too.
+    v.SB[3] = toolTip;
 }
 
 } // namespace pyro

@@ -101,6 +101,9 @@ void ShowProgress(View &v, const QString &text, float fraction);
 void AddLog(Link &l, const QString &message);
 QString LogLine(const QDateTime &when, const QString &message);
 
+// The mouse over a control that gives hints: its tool tip to panel 3.
+void MouseHint(View &v, const QString &toolTip);
+
 // A real number to an integer: nearest, ties to even.
 qint64 RoundHalfEven(double x);
 

@@ -1,0 +1,792 @@
+#include "viewform.h"
+#include "pictures.h"
+#include "portcontrol.h"
+#include "twips.h"
+#include "widgetprompter.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QCloseEvent>
+#include <QComboBox>
+#include <QHeaderView>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenuBar>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QScreen>
+#include <QScrollBar>
+#include <QStyledItemDelegate>
+#include <QTableView>
+#include <QTextBlock>
+#include <QTreeView>
+#include <QVBoxLayout>
+
+namespace pyro {
+
+namespace {
+
+using design::Kind;
+
+// Shape1: a filled round lamp.
+class Lamp : public QWidget {
+public:
+    using QWidget::QWidget;
+    QColor color = QColor(250, 0, 0);
+    void setColor(const QColor &c)
+    {
+        if (c != color) {
+            color = c;
+            update();
+        }
+    }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        QPainter p(this);
+        p.setRenderHint(QPainter::Antialiasing);
+        p.setPen(QPen(QColor(60, 60, 60), 1));
+        p.setBrush(color);
+        p.drawEllipse(QRectF(rect()).adjusted(1, 1, -1, -1));
+    }
+};
+
+// Shape2: a rectangle without fill over the strip's pictures.
+class Mark : public QWidget {
+public:
+    explicit Mark(QWidget *parent) : QWidget(parent) { setAttribute(Qt::WA_TransparentForMouseEvents); }
+    int border = 1;
+    void setBorder(int b)
+    {
+        if (b != border) {
+            border = b;
+            update();
+        }
+    }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        QPainter p(this);
+        p.setPen(QPen(Qt::black, border));
+        p.setBrush(Qt::NoBrush);
+        const int h = border / 2;
+        p.drawRect(rect().adjusted(h, h, -border + h, -border + h));
+    }
+};
+
+// The client area: a quiet light wash behind the controls.
+class Canvas : public QWidget {
+public:
+    using QWidget::QWidget;
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        QPainter p(this);
+        QLinearGradient g(0, 0, 0, height());
+        g.setColorAt(0, QColor(238, 242, 247));
+        g.setColorAt(1, QColor(222, 229, 238));
+        p.fillRect(rect(), g);
+    }
+};
+
+// The tree's in-place label editor hands the new text to the core, which
+// writes the file and the node.
+class TreeLabelDelegate : public QStyledItemDelegate {
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+    std::function<void()> begin;
+    std::function<void(const QString &)> commit;
+
+    QWidget *createEditor(QWidget *parent, const QStyleOptionViewItem &option,
+                          const QModelIndex &index) const override
+    {
+        if (begin)
+            begin();
+        return QStyledItemDelegate::createEditor(parent, option, index);
+    }
+    void setModelData(QWidget *editor, QAbstractItemModel *, const QModelIndex &) const override
+    {
+        if (auto *line = qobject_cast<QLineEdit *>(editor); line && commit)
+            commit(line->text());
+    }
+};
+
+QFont designFont(const design::Font &f, const QFont &base)
+{
+    QFont font = base;
+    if (f.song)
+        font.setFamilies({QStringLiteral("SimSun"), QStringLiteral("宋体"), QStringLiteral("NSimSun"),
+                          QStringLiteral("WenQuanYi Micro Hei"), QStringLiteral("Noto Sans CJK SC")});
+    if (f.points > 0)
+        font.setPointSizeF(f.points);
+    font.setBold(f.bold);
+    return font;
+}
+
+void setText(QLabel *l, const QString &t)
+{
+    if (l && l->text() != t)
+        l->setText(t);
+}
+
+void setText(QAbstractButton *b, const QString &t)
+{
+    if (b && b->text() != t)
+        b->setText(t);
+}
+
+void enableIf(QWidget *w, bool on)
+{
+    if (w && w->isEnabled() != on)
+        w->setEnabled(on);
+}
+
+} // namespace
+
+ViewForm::ViewForm(const Options &options) : m_opt(options)
+{
+    if (!m_opt.prompter) {
+        m_ownPrompter = std::make_unique<WidgetPrompter>(this);
+        m_opt.prompter = m_ownPrompter.get();
+    }
+    if (!m_opt.port) {
+        m_ownPort = std::make_unique<QtSerialControl>();
+        m_opt.port = m_ownPort.get();
+    }
+    link.appDir = m_opt.appDir;
+    link.prompter = m_opt.prompter;
+    AttachPort(link, m_opt.port);
+    AttachBurn(link, burn);
+    burn.params = &params;
+    InstallParamOps(link, params, ops);
+    AttachDb(db, link);
+
+    if (QScreen *s = screen())
+        m_dpi = s->logicalDotsPerInchX();
+    setWindowTitle(design::viewForm().caption);
+    setWindowIcon(appIcon());
+    build();
+    buildMenus();
+    wireEvents();
+
+    // The design enables MBTim: ticks run from the first moment.
+    m_tick.setTimerType(Qt::PreciseTimer);
+    m_tick.setInterval(15);
+    connect(&m_tick, &QTimer::timeout, this, &ViewForm::tick);
+    m_tick.start();
+
+    // The load step.
+    InitPortBoxes(link.view);
+    link.MBResult = -1;
+    LoadParamTables(params, m_opt.appDir, m_opt.prompter);
+    ops.frontGrid = 0;
+    OpenStartupDb(db, m_opt.appDir);
+    refresh();
+    setFullView(false);
+}
+
+ViewForm::~ViewForm()
+{
+    m_tick.stop();
+    // The views go before the models they show.
+    delete takeCentralWidget();
+}
+
+// --- building the design ---------------------------------------------------------
+
+void ViewForm::build()
+{
+    const design::Window &w = design::viewForm();
+    auto *central = new QWidget(this);
+    auto *layout = new QVBoxLayout(central);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+    m_viewport = new QWidget(central);
+    m_viewport->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Ignored);
+    layout->addWidget(m_viewport, 1);
+    m_canvas = new Canvas(m_viewport);
+    m_canvas->setGeometry(QRect(QPoint(0, 0), twipsToPx(w.clientTwips, m_dpi)));
+
+    QHash<QString, QWidget *> parents{{QStringLiteral("ViewForm"), m_canvas}};
+    for (const design::Control &c : w.controls) {
+        QWidget *parent = parents.value(c.parent, m_canvas);
+        QWidget *widget = makeControl(c, parent);
+        const QString id = design::controlId(c.name, c.index);
+        widget->setObjectName(id);
+        widget->setGeometry(twipsToPx(c.twips, m_dpi));
+        if (c.font.song || c.font.points > 0 || c.font.bold)
+            widget->setFont(designFont(c.font, widget->font()));
+        if (!c.toolTip.isEmpty())
+            widget->setToolTip(c.toolTip);
+        widget->setEnabled(c.enabled);
+        widget->setVisible(c.visible);
+        m_controls.insert(id, widget);
+        m_ids.insert(widget, id);
+        m_toolTips.insert(id, c.toolTip);
+        if (c.kind == Kind::Frame)
+            parents.insert(c.name, widget);
+    }
+
+    // G: the status bar along the bottom edge; panel 3 runs past the window's edge.
+    auto *bar = new QWidget(central);
+    bar->setObjectName(QStringLiteral("SB"));
+    bar->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
+    bar->setFixedHeight(twipsToPx(design::kStatusHeightTwips, m_dpi));
+    int x = 0;
+    for (int i = 0; i < 3; ++i) {
+        const design::Panel &p = design::statusPanels()[i];
+        auto *label = new QLabel(p.text, bar);
+        label->setObjectName(QStringLiteral("SB.Panel%1").arg(i + 1));
+        label->setFrameStyle(QFrame::Panel | QFrame::Sunken);
+        label->setToolTip(p.toolTip);
+        label->setIndent(3);
+        const int width = twipsToPx(p.widthTwips, m_dpi);
+        label->setGeometry(x, 0, width, bar->height());
+        x += width;
+        m_panels[i + 1] = label;
+    }
+    layout->addWidget(bar);
+    setCentralWidget(central);
+}
+
+QWidget *ViewForm::makeControl(const design::Control &c, QWidget *parent)
+{
+    switch (c.kind) {
+    case Kind::Frame: {
+        auto *f = new QFrame(parent);
+        f->setFrameStyle(QFrame::Box | QFrame::Sunken);
+        return f;
+    }
+    case Kind::Label:
+        return new QLabel(c.caption, parent);
+    case Kind::BoxLabel: {
+        auto *l = new QLabel(c.caption, parent);
+        l->setFrameStyle(QFrame::Box | QFrame::Plain);
+        l->setAttribute(Qt::WA_TranslucentBackground);
+        l->setWordWrap(c.twips.width() < c.twips.height());
+        l->setIndent(2);
+        return l;
+    }
+    case Kind::Bar: {
+        auto *l = new QLabel(parent);
+        l->setAutoFillBackground(true);
+        QPalette pal = l->palette();
+        pal.setColor(QPalette::Window, QColor(0, 255, 0));
+        l->setPalette(pal);
+        return l;
+    }
+    case Kind::Combo: {
+        auto *b = new QComboBox(parent);
+        b->setEditable(true);
+        b->setInsertPolicy(QComboBox::NoInsert);
+        b->setMaxVisibleItems(12);
+        return b;
+    }
+    case Kind::Button:
+        return new QPushButton(c.caption, parent);
+    case Kind::Lamp:
+        return new Lamp(parent);
+    case Kind::Check: {
+        auto *b = new QCheckBox(c.caption, parent);
+        b->setChecked(c.checked);
+        return b;
+    }
+    case Kind::Line:
+        return new QLineEdit(parent);
+    case Kind::Text: {
+        auto *t = new QPlainTextEdit(parent);
+        t->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);
+        return t;
+    }
+    case Kind::Log: {
+        auto *t = new QPlainTextEdit(parent);
+        t->setReadOnly(true);
+        // The pane only grows: no undo history to hold a second copy of it.
+        t->setUndoRedoEnabled(false);
+        t->setLineWrapMode(QPlainTextEdit::NoWrap);
+        return t;
+    }
+    case Kind::Grid: {
+        auto *g = new QTableView(parent);
+        g->horizontalHeader()->hide();
+        g->verticalHeader()->hide();
+        g->setEditTriggers(QAbstractItemView::NoEditTriggers);
+        g->setSelectionMode(QAbstractItemView::SingleSelection);
+        g->setWordWrap(false);
+        return g;
+    }
+    case Kind::List: {
+        auto *g = new QTableView(parent);
+        g->horizontalHeader()->hide();
+        g->verticalHeader()->hide();
+        g->horizontalHeader()->setStretchLastSection(true);
+        g->setEditTriggers(QAbstractItemView::NoEditTriggers);
+        return g;
+    }
+    case Kind::Tree: {
+        auto *t = new QTreeView(parent);
+        t->setHeaderHidden(true);
+        t->setEditTriggers(QAbstractItemView::SelectedClicked | QAbstractItemView::EditKeyPressed);
+        return t;
+    }
+    case Kind::Image: {
+        auto *l = new QLabel(parent);
+        const int side = twipsToPx(c.twips.width(), m_dpi);
+        l->setPixmap(stripPicture(c.index, side));
+        l->setScaledContents(true);
+        return l;
+    }
+    case Kind::Mark:
+        return new Mark(parent);
+    case Kind::VLine: {
+        auto *l = new QWidget(parent);
+        l->setAutoFillBackground(true);
+        QPalette pal = l->palette();
+        pal.setColor(QPalette::Window, QColor::fromRgb(design::kDividerRgb));
+        l->setPalette(pal);
+        return l;
+    }
+    }
+    return new QWidget(parent);
+}
+
+void ViewForm::buildMenus()
+{
+    QHash<QString, QMenu *> menus;
+    for (const design::MenuItem &m : design::viewFormMenus()) {
+        if (m.parent.isEmpty()) {
+            QMenu *menu = m.name == QLatin1String("Medite") ? new QMenu(m.caption, this)
+                                                            : menuBar()->addMenu(m.caption);
+            menu->setObjectName(m.name);
+            menus.insert(m.name, menu);
+            if (m.name == QLatin1String("Medite"))
+                m_popup = menu;
+            else
+                m_actions.insert(m.name, menu->menuAction());
+            continue;
+        }
+        QMenu *menu = menus.value(m.parent);
+        QAction *a = m.caption == QLatin1String("-") ? menu->addSeparator() : menu->addAction(m.caption);
+        a->setObjectName(m.name);
+        a->setVisible(m.visible);
+        a->setEnabled(m.enabled);
+        a->setCheckable(m.checkable);
+        if (!m.shortcut.isEmpty()) {
+            a->setShortcut(QKeySequence(m.shortcut));
+            // The window's own shortcut, whichever control has the focus.
+            a->setShortcutContext(Qt::WindowShortcut);
+            addAction(a);
+        }
+        m_actions.insert(m.name, a);
+        if (!a->isSeparator()) {
+            const QString name = m.name;
+            connect(a, &QAction::triggered, this, [this, name] { runMenu(name); });
+        }
+    }
+}
+
+// --- events ----------------------------------------------------------------------
+
+void ViewForm::wireEvents()
+{
+    auto button = [this](const QString &id) { return qobject_cast<QPushButton *>(control(id)); };
+    auto after = [this](auto f) { return [this, f] { f(); refresh(); }; };
+    connect(button("Command1"), &QPushButton::clicked, this,
+            after([this] { AutoDetect(link, CandidatePorts(link.appDir)); }));
+    connect(button("Command2"), &QPushButton::clicked, this, after([this] { Command2Click(link); }));
+    connect(button("Command3"), &QPushButton::clicked, this, after([this] { Command3Click(link, burn); }));
+    connect(button("Command4"), &QPushButton::clicked, this, after([this] { Command4Click(link, burn); }));
+
+    for (int i = 0; i < 6; ++i) {
+        auto *box = qobject_cast<QComboBox *>(control(design::controlId("ComboSet", i)));
+        // A typed text and a pick from the list both count as a change.
+        connect(box, &QComboBox::currentTextChanged, this, [this, i](const QString &text) {
+            link.view.ComboSet[i].text = text;
+            ComboSetChange(link, i);
+            refresh();
+        });
+    }
+    for (int i = 0; i < 4; ++i) {
+        auto *box = qobject_cast<QCheckBox *>(control(design::controlId("Check1", i)));
+        connect(box, &QCheckBox::toggled, this, [this, i](bool on) { link.view.Check1[i] = on; });
+    }
+    for (int i = 0; i < 7; ++i) {
+        QWidget *w = control(design::controlId("NotesTxt", i));
+        if (auto *t = qobject_cast<QPlainTextEdit *>(w))
+            connect(t, &QPlainTextEdit::textChanged, this, [this, i, t] { link.view.NotesTxt[i] = t->toPlainText(); });
+        else if (auto *l = qobject_cast<QLineEdit *>(w))
+            connect(l, &QLineEdit::textEdited, this, [this, i](const QString &s) { link.view.NotesTxt[i] = s; });
+    }
+
+    for (int i = 0; i < 2; ++i) {
+        auto *grid = qobject_cast<QTableView *>(control(design::controlId("MSFG", i)));
+        grid->setModel(&params.MSFG[i]);
+        GridModel *m = &params.MSFG[i];
+        connect(m, &GridModel::modelReset, this, [this, i] { refreshGrid(i); });
+        connect(m, &GridModel::layoutChanged, this, [this, i] { refreshGrid(i); });
+        connect(m, &GridModel::headerDataChanged, this, [this, i] { refreshGrid(i); });
+        connect(m, &GridModel::rowsInserted, this, [this, i] { refreshGrid(i); });
+        refreshGrid(i);
+    }
+
+    auto *tree = qobject_cast<QTreeView *>(control("TreeView"));
+    tree->setModel(db.tree.model.get());
+    auto *delegate = new TreeLabelDelegate(tree);
+    delegate->begin = [this] { BeginRename(db); };
+    delegate->commit = [this](const QString &text) {
+        RenameNode(db, text);
+        refresh();
+    };
+    tree->setItemDelegate(delegate);
+    connect(tree->selectionModel(), &QItemSelectionModel::currentChanged, this,
+            [this](const QModelIndex &current) {
+                if (m_syncingTree)
+                    return;
+                db.tree.Selected = current.data(kKeyRole).toString();
+                m_treeSelected = db.tree.Selected;
+            });
+    connect(tree, &QTreeView::expanded, this, [this](const QModelIndex &i) {
+        if (!m_syncingTree)
+            SetExpanded(db, i.data(kKeyRole).toString(), true);
+    });
+    connect(tree, &QTreeView::collapsed, this, [this](const QModelIndex &i) {
+        if (!m_syncingTree)
+            SetExpanded(db, i.data(kKeyRole).toString(), false);
+    });
+    QStandardItemModel *model = db.tree.model.get();
+    connect(model, &QStandardItemModel::rowsInserted, this,
+            [this](const QModelIndex &parent) { applyTreeExpansion(parent); });
+    connect(model, &QStandardItemModel::modelReset, this, [this] { applyTreeExpansion({}); });
+
+    // Mouse hints, the tree's popup and the strip's presses come through one filter.
+    for (auto it = m_controls.cbegin(); it != m_controls.cend(); ++it) {
+        QWidget *w = it.value();
+        w->installEventFilter(this);
+        w->setMouseTracking(true);
+        if (auto *area = qobject_cast<QAbstractScrollArea *>(w)) {
+            area->viewport()->installEventFilter(this);
+            area->viewport()->setMouseTracking(true);
+            m_ids.insert(area->viewport(), it.key());
+        }
+    }
+}
+
+void ViewForm::runMenu(const QString &name)
+{
+    if (name == QLatin1String("EndPro")) {
+        endPro();
+        return;
+    }
+    if (name == QLatin1String("FullView"))
+        setFullView(menuAction(name)->isChecked());
+    else if (name == QLatin1String("CreatNewPro"))
+        CreatNewPro(db);
+    else if (name == QLatin1String("OpenPro"))
+        OpenPro(db);
+    else if (name == QLatin1String("MAddRecord"))
+        AddTopLevel(db);
+    else if (name == QLatin1String("Maddsub"))
+        AddChild(db);
+    else if (name == QLatin1String("Minsertback"))
+        InsertBefore(db);
+    else if (name == QLatin1String("Mdelect"))
+        DeleteNode(db);
+    else if (name == QLatin1String("MNodeCut"))
+        MarkCutNode(db);
+    else if (name == QLatin1String("MnodePast"))
+        PasteCutNode(db);
+    refresh();
+}
+
+bool ViewForm::eventFilter(QObject *watched, QEvent *e)
+{
+    const QString id = m_ids.value(watched);
+    if (id.isEmpty())
+        return QMainWindow::eventFilter(watched, e);
+    switch (e->type()) {
+    case QEvent::MouseMove: {
+        const QString tip = m_toolTips.value(id);
+        const bool hints = id == QLatin1String("Command1") || id == QLatin1String("Command3")
+            || id.startsWith(QLatin1String("Check1(")) || id.startsWith(QLatin1String("NotesTxt("))
+            || id.startsWith(QLatin1String("MSFG(")) || id == QLatin1String("TreeView")
+            || id.startsWith(QLatin1String("MenuImg("));
+        if (hints) {
+            MouseHint(link.view, tip);
+            refresh();
+        }
+        break;
+    }
+    case QEvent::MouseButtonRelease: {
+        auto *me = static_cast<QMouseEvent *>(e);
+        if (id == QLatin1String("TreeView") && me->button() == Qt::RightButton) {
+            if (TreeMouseUp(db))
+                showPopup(me->globalPosition().toPoint());
+            refresh();
+        } else if (id.startsWith(QLatin1String("MenuImg("))) {
+            const int i = id.mid(8, 1).toInt();
+            MenuImgClick(ops, i);
+            refresh();
+        }
+        break;
+    }
+    default:
+        break;
+    }
+    return QMainWindow::eventFilter(watched, e);
+}
+
+void ViewForm::showPopup(const QPoint &globalPos)
+{
+    const MediteMenu &m = db.Medite;
+    const std::pair<const char *, const MenuItemState *> items[] = {
+        {"MAddRecord", &m.MAddRecord}, {"Maddsub", &m.Maddsub}, {"Minsertback", &m.Minsertback},
+        {"Mdelect", &m.Mdelect}, {"Mcopydata", &m.Mcopydata}, {"MPaseteData", &m.MPaseteData},
+        {"MNodeCut", &m.MNodeCut}, {"MnodePast", &m.MnodePast}, {"MDeleData", &m.MDeleData}};
+    for (const auto &[name, state] : items) {
+        QAction *a = menuAction(QString::fromLatin1(name));
+        a->setEnabled(state->enabled);
+        a->setVisible(state->visible);
+    }
+    // Not exec(): the popup must not run a loop of its own under the tick.
+    m_popup->popup(globalPos);
+}
+
+void ViewForm::tick()
+{
+    MBTimTimer(link);
+    refresh();
+}
+
+// --- showing the view state ------------------------------------------------------------
+
+void ViewForm::refresh()
+{
+    const View &v = link.view;
+    for (int i = 1; i <= 3; ++i)
+        setText(m_panels[i], v.SB[i]);
+    auto *c2 = qobject_cast<QPushButton *>(control("Command2"));
+    setText(c2, v.Command2Caption);
+    static_cast<Lamp *>(control("Shape1"))->setColor(QColor::fromRgb(v.Shape1));
+    enableIf(control("Command3"), v.Command3Enabled);
+    auto *c4 = qobject_cast<QPushButton *>(control("Command4"));
+    enableIf(c4, v.Command4Enabled);
+    setText(c4, v.Command4Caption);
+
+    for (int i = 0; i < 6; ++i) {
+        auto *box = qobject_cast<QComboBox *>(control(design::controlId("ComboSet", i)));
+        const ComboBox &want = v.ComboSet[i];
+        QStringList have;
+        for (int k = 0; k < box->count(); ++k)
+            have << box->itemText(k);
+        if (have == want.list && box->currentText() == want.text)
+            continue;
+        const QSignalBlocker block(box);
+        if (have != want.list) {
+            box->clear();
+            box->addItems(want.list);
+        }
+        const int at = want.list.indexOf(want.text);
+        if (at >= 0)
+            box->setCurrentIndex(at);
+        box->setEditText(want.text);
+    }
+    for (int i = 0; i < 4; ++i) {
+        auto *box = qobject_cast<QCheckBox *>(control(design::controlId("Check1", i)));
+        if (box->isChecked() != v.Check1[i]) {
+            const QSignalBlocker block(box);
+            box->setChecked(v.Check1[i]);
+        }
+    }
+    for (int i = 0; i < 7; ++i) {
+        QWidget *w = control(design::controlId("NotesTxt", i));
+        if (auto *t = qobject_cast<QPlainTextEdit *>(w); t && t->toPlainText() != v.NotesTxt[i]) {
+            const QSignalBlocker block(t);
+            t->setPlainText(v.NotesTxt[i]);
+        } else if (auto *l = qobject_cast<QLineEdit *>(w); l && l->text() != v.NotesTxt[i]) {
+            l->setText(v.NotesTxt[i]);
+        }
+    }
+    for (int i = 0; i < 7; ++i)
+        enableIf(control(design::controlId("MenuImg", i)), v.MenuImgEnabled[i]);
+
+    // The strip: the path over its bar.
+    auto *inf = qobject_cast<QLabel *>(control("InfLab"));
+    setText(inf, v.InfLab);
+    QWidget *bar = control("PersLab");
+    const QRect barRect = twipsToPx(QRect(1335, 255, std::max(1, v.PersLabWidth), 270), m_dpi);
+    if (bar->geometry() != barRect)
+        bar->setGeometry(barRect);
+    if (bar->isVisible() != v.PersLabVisible) {
+        bar->setVisible(v.PersLabVisible);
+        bar->lower();
+    }
+
+    // The log pane: only the new tail, so a long day costs the same per line.
+    if (v.RTB.size() < m_logShown)
+        m_logShown = 0;
+    if (v.RTB.size() > m_logShown) {
+        auto *log = qobject_cast<QPlainTextEdit *>(control("RTB"));
+        QString tail = v.RTB.mid(m_logShown);
+        m_logShown = v.RTB.size();
+        if (tail.endsWith(QLatin1String("\r\n")))
+            tail.chop(2);
+        tail.replace(QLatin1String("\r\n"), QLatin1String("\n"));
+        log->appendPlainText(tail);
+        log->verticalScrollBar()->setValue(log->verticalScrollBar()->maximum());
+    }
+
+    if (m_front != ops.frontGrid) {
+        m_front = ops.frontGrid;
+        control(design::controlId("MSFG", m_front == 1 ? 1 : 0))->raise();
+        control("InPutTxt(0)")->raise();
+        control("MSFGList")->raise();
+    }
+    refreshTree();
+}
+
+int ViewForm::logBlocks() const
+{
+    auto *log = qobject_cast<QPlainTextEdit *>(control("RTB"));
+    const int n = log->document()->blockCount();
+    return log->document()->isEmpty() ? 0 : n;
+}
+
+void ViewForm::refreshGrid(int i)
+{
+    auto *grid = qobject_cast<QTableView *>(control(design::controlId("MSFG", i)));
+    const GridModel &m = params.MSFG[i];
+    for (int c = 0; c < m.cols(); ++c) {
+        const int w = twipsToPx(m.colWidth(c), m_dpi);
+        if (grid->columnWidth(c) != w)
+            grid->setColumnWidth(c, w);
+    }
+    for (int r = 0; r < m.rows(); ++r) {
+        const int h = std::max(1, twipsToPx(m.rowHeight(r), m_dpi));
+        if (grid->rowHeight(r) != h)
+            grid->setRowHeight(r, h);
+    }
+}
+
+void ViewForm::refreshTree()
+{
+    if (db.tree.Selected == m_treeSelected)
+        return;
+    m_treeSelected = db.tree.Selected;
+    auto *tree = qobject_cast<QTreeView *>(control("TreeView"));
+    QStandardItem *node = m_treeSelected.isEmpty() ? nullptr : FindNode(db.tree, m_treeSelected);
+    m_syncingTree = true;
+    if (node)
+        tree->setCurrentIndex(node->index());
+    else
+        tree->setCurrentIndex({});
+    m_syncingTree = false;
+}
+
+void ViewForm::applyTreeExpansion(const QModelIndex &parent)
+{
+    // The file's expanded flags drive the view; showing them writes nothing.
+    auto *tree = qobject_cast<QTreeView *>(control("TreeView"));
+    QStandardItemModel *model = db.tree.model.get();
+    m_syncingTree = true;
+    std::function<void(const QModelIndex &)> walk = [&](const QModelIndex &p) {
+        for (int r = 0; r < model->rowCount(p); ++r) {
+            const QModelIndex i = model->index(r, 0, p);
+            const bool open = i.data(kExpandedRole).toBool();
+            if (tree->isExpanded(i) != open)
+                tree->setExpanded(i, open);
+            walk(i);
+        }
+    };
+    walk(parent);
+    m_syncingTree = false;
+    m_treeSelected = QStringLiteral("\x01");   // select again after the change
+}
+
+// --- size and the two views ---------------------------------------------------------
+
+QSize ViewForm::fixedOuterSize() const
+{
+    const design::Window &w = design::viewForm();
+    if (!m_full)
+        return twipsToPx(w.outerTwips, m_dpi);
+    const QSize frame = frameGeometry().size() - geometry().size();
+    return twipsToPx(w.clientTwips, m_dpi) + QSize(0, menuBar()->sizeHint().height()) + frame;
+}
+
+void ViewForm::setFullView(bool full)
+{
+    m_full = full;
+    for (const design::MenuItem &m : design::viewFormMenus()) {
+        if (m.parent == QLatin1String("file_menu"))
+            menuAction(m.name)->setVisible(full ? m.visibleFull : m.visible);
+    }
+    if (QAction *a = menuAction("FullView"); a->isChecked() != full) {
+        const QSignalBlocker block(a);
+        a->setChecked(full);
+    }
+    snapBack();
+}
+
+void ViewForm::snapBack()
+{
+    if (isMinimized() || m_snapping)
+        return;
+    const QSize frame = frameGeometry().size() - geometry().size();
+    const QSize target = fixedOuterSize() - frame;
+    if (size() == target)
+        return;
+    m_snapping = true;
+    resize(target);   // resize keeps the top left corner where it is
+    m_snapping = false;
+}
+
+void ViewForm::resizeEvent(QResizeEvent *e)
+{
+    QMainWindow::resizeEvent(e);
+    if (!isMaximized() && !isFullScreen())
+        snapBack();
+}
+
+void ViewForm::changeEvent(QEvent *e)
+{
+    QMainWindow::changeEvent(e);
+    if (e->type() != QEvent::WindowStateChange)
+        return;
+    // A maximise comes back to the fixed size; it never ends the run.
+    if (isMaximized() || isFullScreen()) {
+        QTimer::singleShot(0, this, [this] {
+            setWindowState(windowState() & ~(Qt::WindowMaximized | Qt::WindowFullScreen));
+            snapBack();
+        });
+    } else if (!isMinimized()) {
+        QTimer::singleShot(0, this, [this] { snapBack(); });
+    }
+}
+
+// --- the end of a run ---------------------------------------------------------------
+
+void ViewForm::closeEvent(QCloseEvent *e)
+{
+    // The close box: the log pane goes to the day's record first. Nothing asks.
+    if (!m_ending)
+        WriteBurnRecord(link);
+    m_tick.stop();
+    e->accept();
+}
+
+void ViewForm::endPro()
+{
+    // "Exit" ends at once: no record, no question, nothing finished.
+    m_ending = true;
+    m_tick.stop();
+    close();
+    QCoreApplication::exit(0);
+}
+
+} // namespace pyro

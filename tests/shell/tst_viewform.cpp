@@ -1,0 +1,275 @@
+// The window: start-up, the two ways out, the fixed size, the burn path by
+// clicks against the simulated board on a pseudo-terminal, and the tree.
+#include "simprocess.h"
+#include "viewform.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTreeView>
+
+using namespace pyro;
+
+namespace {
+
+QByteArray readAll(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+void writeAll(const QString &path, const QByteArray &bytes)
+{
+    QFile f(path);
+    QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(bytes);
+}
+
+// An application folder with the demo data, and a home for the records.
+struct Bench {
+    QTemporaryDir dir;
+    ScriptedPrompter prompter;
+    std::unique_ptr<ViewForm> form;
+
+    explicit Bench(const QStringList &files = {"Config.For", "Display.For", "Config.MPK"})
+    {
+        for (const QString &f : files)
+            QFile::copy(QStringLiteral(PYRO_DATA_DIR "/") + f, path(f));
+        qputenv("HOME", dir.filePath("home").toLocal8Bit());
+        QDir().mkpath(dir.filePath("home"));
+    }
+    QString path(const QString &name) const { return dir.filePath(name); }
+    ViewForm &start()
+    {
+        ViewForm::Options o;
+        o.appDir = dir.path();
+        o.prompter = &prompter;
+        form = std::make_unique<ViewForm>(o);
+        form->show();
+        return *form;
+    }
+    template <typename W = QWidget>
+    W *w(const QString &id) { return qobject_cast<W *>(form->control(id)); }
+    QString panel(int i) { return form->findChild<QLabel *>(QStringLiteral("SB.Panel%1").arg(i))->text(); }
+    QString log() { return w<QPlainTextEdit>("RTB")->toPlainText(); }
+    QString recordFile() const
+    {
+        return QDir(dir.filePath("home/ProRecord(K0)")).filePath(RecordFileName(QDate::currentDate()));
+    }
+};
+
+} // namespace
+
+class TstViewForm : public QObject {
+    Q_OBJECT
+private slots:
+    void startUp()
+    {
+        Bench b;
+        ViewForm &f = b.start();
+        QVERIFY(b.prompter.shown.isEmpty());
+        auto *port = b.w<QComboBox>("ComboSet(0)");
+        QCOMPARE(port->count(), 30);
+        QCOMPARE(port->currentText(), QStringLiteral("COM4"));
+        const QStringList values = {"57600", "None", "8", "1", "512"};
+        for (int i = 1; i <= 5; ++i)
+            QCOMPARE(b.w<QComboBox>(QStringLiteral("ComboSet(%1)").arg(i))->currentText(), values[i - 1]);
+        QCOMPARE(b.w<QPushButton>("Command2")->text(), QStringLiteral("OpenUart"));
+        QVERIFY(!b.w("Command4")->isEnabled());
+        QVERIFY(!b.w("Check1(0)")->isEnabled());
+        QVERIFY(b.w<QCheckBox>("Check1(0)")->isChecked());
+        QVERIFY(b.w("Check1(2)")->isHidden());
+        QVERIFY(!b.w("MenuImg(4)")->isEnabled());
+        QVERIFY(b.w("PersLab")->isHidden());
+        QCOMPARE(f.link.MBResult, int16_t(-1));
+        QCOMPARE(f.params.SetImage.size(), f.params.Tables[0].BlockSize + 1);
+        // The settings grid is in front of the display grid.
+        QWidget *canvas = b.w("MSFG(0)")->parentWidget();
+        QVERIFY(canvas->children().indexOf(b.w("MSFG(0)")) > canvas->children().indexOf(b.w("MSFG(1)")));
+        QVERIFY(f.db.DbOpen);
+        QVERIFY(QFileInfo::exists(TwinPath(b.path("Config.MPK"))));
+        QCOMPARE(b.panel(1), QStringLiteral("串口未打开"));
+        QTRY_COMPARE(b.panel(1), QStringLiteral("Open port first！"));
+        QVERIFY(!b.w("Command3")->isEnabled());
+        // The File items that open a database are the design's hidden ones.
+        QVERIFY(!f.menuAction("OpenPro")->isVisible());
+        QVERIFY(f.menuAction("EndPro")->isVisible());
+    }
+
+    void badTablesAndDatabases_data()
+    {
+        QTest::addColumn<QStringList>("files");
+        QTest::addColumn<QByteArray>("config");   // replaces Config.MPK when given
+        QTest::addColumn<QStringList>("shown");
+        QTest::addColumn<bool>("dbOpen");
+        const QString tableError = QStringLiteral("Hint！|Error loading parse the file");
+        QTest::newRow("no tables") << QStringList{"Config.MPK"} << QByteArray() << QStringList{tableError, tableError} << true;
+        QTest::newRow("bad display table") << QStringList{"Config.For", "Config.MPK"} << QByteArray("x")
+                                           << QStringList{tableError, "提示|文件类型不匹配！"} << false;
+        QTest::newRow("guarded database") << QStringList{"Config.For", "Display.For", "Config.MPK"} << QByteArray("guard")
+                                          << QStringList{"Hint|Login user name or password error!"} << false;
+    }
+    void badTablesAndDatabases()
+    {
+        QFETCH(QStringList, files);
+        QFETCH(QByteArray, config);
+        QFETCH(QStringList, shown);
+        QFETCH(bool, dbOpen);
+        Bench b(files);
+        if (!files.contains("Display.For"))
+            writeAll(b.path("Display.For"), "not a table\n");
+        if (config == "guard") {
+            QByteArray bytes = readAll(b.path("Config.MPK"));
+            DbRecord h = DecodeRecord(bytes.left(kRecordSize));
+            LoginFlag(h) = 1;
+            bytes.replace(0, kRecordSize, EncodeRecord(h));
+            writeAll(b.path("Config.MPK"), bytes);
+        } else if (!config.isEmpty()) {
+            writeAll(b.path("Config.MPK"), QByteArray(kRecordSize * 2, 'x'));
+        }
+        const QByteArray before = readAll(b.path("Config.MPK"));
+        ViewForm &f = b.start();
+        QCOMPARE(b.prompter.shown, shown);
+        QCOMPARE(f.db.DbOpen, dbOpen);
+        QVERIFY(f.isVisible());
+        if (!dbOpen)
+            QCOMPARE(readAll(b.path("Config.MPK")), before);
+        if (!files.contains("Config.For"))
+            QCOMPARE(f.params.SetImage.size(), 61);
+        if (!files.contains("Display.For"))
+            QCOMPARE(f.params.DisplayImage.size(), 73);
+    }
+
+    void fixedSizeInBothViews()
+    {
+        Bench b;
+        ViewForm &f = b.start();
+        for (bool full : {false, true}) {
+            f.setFullView(full);
+            const QSize fixed = f.size();
+            const QPoint corner = f.pos();
+            f.resize(400, 900);
+            QCOMPARE(f.size(), fixed);
+            QCOMPARE(f.pos(), corner);
+            f.showMaximized();
+            QTRY_VERIFY(!f.isMaximized());
+            QTRY_COMPARE(f.size(), fixed);
+            QCOMPARE(f.menuAction("OpenPro")->isVisible(), full);
+            QVERIFY(!f.menuAction("SaveSet")->isVisible());
+        }
+        QVERIFY(f.size().width() > 2 * f.dpi());   // the full design is wider than the compact one
+        QTest::keyClick(&f, Qt::Key_F8);
+        QVERIFY(!f.fullView());
+        QCOMPARE(f.frameGeometry().size(), f.fixedOuterSize());
+    }
+
+    void burnByClicks()
+    {
+        SimProcess sim;
+        QVERIFY(sim.start());
+        Bench b;
+        // A short image keeps the burn to a few seconds.
+        writeAll(b.path("small.BIN"), readAll(PYRO_DATA_DIR "/demo-firmware.BIN").left(4096));
+        ViewForm &f = b.start();
+        auto *port = b.w<QComboBox>("ComboSet(0)");
+        port->setEditText(sim.path);
+        QTest::mouseClick(b.w("Command2"), Qt::LeftButton);
+        QCOMPARE(b.w<QPushButton>("Command2")->text(), QStringLiteral("CloseUart"));
+        QTRY_COMPARE(b.panel(1), QStringLiteral("Link normal-run mode"));
+        QVERIFY(b.w("Command3")->isEnabled());
+
+        b.prompter.files = {b.path("small.BIN")};
+        QTest::mouseClick(b.w("Command3"), Qt::LeftButton);
+        QVERIFY(b.log().contains(" File path：" + b.path("small.BIN")));
+        QVERIFY(b.log().contains(" File size：4096(Byte)"));
+        QTRY_VERIFY(b.w("Command4")->isEnabled());
+        QTest::mouseClick(b.w("Command4"), Qt::LeftButton);
+        QTRY_COMPARE(b.w<QPushButton>("Command4")->text(), QStringLiteral("Stop"));
+        QTRY_VERIFY(b.w("PersLab")->isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(b.log().contains(" Has been successfully burning：1 (chip) "), 30000);
+        QTRY_COMPARE(b.w<QPushButton>("Command4")->text(), QStringLiteral("Program"));
+        QVERIFY(b.log().contains(" Downloading the：1 (chip)"));
+
+        // AutoLoad on, then Stop while it waits for the next chip.
+        QTest::mouseClick(b.w("Check1(3)"), Qt::LeftButton);
+        QVERIFY(f.link.view.Check1[3]);
+        QTest::mouseClick(b.w("Command4"), Qt::LeftButton);
+        QTRY_COMPARE(b.w<QPushButton>("Command4")->text(), QStringLiteral("Stop"));
+        QTest::mouseClick(b.w("Command4"), Qt::LeftButton);
+        QTRY_COMPARE(b.w<QPushButton>("Command4")->text(), QStringLiteral("Program"));
+
+        // The board goes away in the middle of a burn.
+        QTest::mouseClick(b.w("Command4"), Qt::LeftButton);
+        QTRY_COMPARE(b.w<QPushButton>("Command4")->text(), QStringLiteral("Stop"));
+        sim.proc.kill();
+        sim.proc.waitForFinished(3000);
+        QTRY_COMPARE(b.panel(1), QStringLiteral("Open port first！"));
+        QCOMPARE(b.w<QPushButton>("Command2")->text(), QStringLiteral("OpenUart"));
+        QCOMPARE(f.link.view.Shape1, qRgb(255, 0, 0));
+        QCOMPARE(b.w<QPushButton>("Command4")->text(), QStringLiteral("Program"));
+        QVERIFY(!b.w("Command4")->isEnabled());
+        QVERIFY(b.log().endsWith(" Cancel program"));
+        QCOMPARE(f.link.BurnArmed, int16_t(0));
+    }
+
+    void closeWritesRecordExitDoesNot()
+    {
+        for (bool exit : {false, true}) {
+            Bench b;
+            ViewForm &f = b.start();
+            f.link.view.RTB = "2026-11-23 10:00:00 a line\r\n";
+            f.refresh();
+            if (exit)
+                f.endPro();
+            else
+                f.close();
+            QCOMPARE(QFileInfo::exists(b.recordFile()), !exit);
+            if (!exit)
+                QVERIFY(readAll(b.recordFile()).contains("a line"));
+        }
+    }
+
+    void treePopupAndLabelEdit()
+    {
+        Bench b;
+        ViewForm &f = b.start();
+        f.setFullView(true);
+        auto *tree = b.w<QTreeView>("TreeView");
+        const int before = NodeCount(f.db.tree);
+        QTest::mouseClick(tree->viewport(), Qt::RightButton, {}, QPoint(20, 10));
+        QTRY_VERIFY(f.popup()->isVisible());
+        QVERIFY(f.menuAction("Mdelect")->isEnabled());
+        f.menuAction("MAddRecord")->trigger();
+        f.popup()->hide();
+        QCOMPARE(NodeCount(f.db.tree), before + 1);
+
+        // Rename the selected node in place.
+        QStandardItem *node = FindNode(f.db.tree, f.db.tree.Selected);
+        QVERIFY(node);
+        QApplication::setActiveWindow(&f);
+        tree->edit(node->index());
+        auto *editor = tree->findChild<QLineEdit *>();
+        QVERIFY(editor);
+        editor->setText(QStringLiteral("新产品"));
+        QTest::keyClick(editor, Qt::Key_Return);
+        QTRY_COMPARE(node->text(), QStringLiteral("新产品"));
+
+        ProjectDb fresh;
+        QCOMPARE(LoadDb(fresh, b.path("Config.MPK")), int16_t(0));
+        QCOMPARE(NodeCount(fresh.tree), before + 1);
+        QVERIFY(fresh.tree.model->findItems(QStringLiteral("新产品"), Qt::MatchRecursive).size() == 1);
+        QVERIFY(CheckDb(b.path("Config.MPK")).isEmpty());
+    }
+};
+
+QTEST_MAIN(TstViewForm)
+#include "tst_viewform.moc"
