@@ -56,6 +56,10 @@ struct Burn {
     ChipIdent ChipId{};
     ChipIdent LastChipId{};
 
+    // Why the last click on Program refused its image. The log pane gets only
+    // " File open error "; the window and the command line show this.
+    QString Refusal;
+
     // The parameter engine, whose SetImage CurrSet puts into the image.
     // Null: CurrSet refuses the image.
     Params *params = nullptr;

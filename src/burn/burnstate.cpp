@@ -1,5 +1,6 @@
 #include "burn.h"
 #include "frame.h"
+#include "tables.h"
 
 #include <algorithm>
 
@@ -115,14 +116,12 @@ void silentAnswer(Link &l, Burn &b)
 
 int16_t ReadFrameLen(const View &v)
 {
-    const QString t = v.ComboSet[5].text.trimmed();
-    int n = 0;
-    for (QChar c : t) {
-        if (!c.isDigit() || c.digitValue() < 0)
-            break;
-        n = std::min(n * 10 + c.digitValue(), 32767);
-    }
-    return int16_t(n);
+    // Read like every other number typed into the window; what can't be a
+    // chunk length (below 0, past the 16-bit counter) is held at the nearest end.
+    const double n = LeadingNumber(v.ComboSet[5].text);
+    if (!(n > 0))
+        return 0;
+    return int16_t(RoundHalfEven(std::min(n, double(kMaxImageLen))));
 }
 
 bool ChipIdDiffers(const Burn &b)
@@ -142,15 +141,16 @@ void Command4Click(Link &l, Burn &b)
         ShowProgress(l.view, l.BinPath, 0);
         if (!l.MBMC || !l.MBMC->isOpen())
             return;
-        QString reason;
-        if (PrepareImage(l, b, l.BinPath, &reason) == kPrepareOk) {
+        b.Refusal.clear();
+        if (PrepareImage(l, b, l.BinPath, &b.Refusal) == kPrepareOk) {
             l.view.Command4Caption = QStringLiteral("Stop");
             l.BurnArmed = 1;
             l.ModeRequest = 1;
+            // A burn still on the line (Stop or Load File clicked during this
+            // exchange) must not carry on against the new image.
+            l.ModeRearmed = true;
         } else {
             AddLog(l, QStringLiteral(" File open error "));
-            if (!reason.isEmpty())
-                AddLog(l, reason);
         }
         return;
     }

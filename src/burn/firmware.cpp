@@ -1,9 +1,10 @@
 #include "burn.h"
+#include "fileguard.h"
 #include "infoblock.h"
 #include "params.h"
 
-#include <QFile>
 #include <QFileInfo>
+#include <limits>
 
 namespace pyro {
 
@@ -59,8 +60,8 @@ void ChooseFile(Link &l, Burn &b, const QString &name)
         b.BinLen = 0;
         l.view.Command4Enabled = false;
     } else {
-        QFile f(name);
-        if (!f.open(QIODevice::ReadOnly)) {
+        // Only a look: a FIFO or a device chosen here must not block the click.
+        if (!CheckRegularFile(name, std::numeric_limits<qint64>::max())) {
             // The path and Program stay as they were, but a running burn ends
             // as after any Load File click: left running on a length of 0 it
             // would close each new chip's image after one blank page.
@@ -69,8 +70,7 @@ void ChooseFile(Link &l, Burn &b, const QString &name)
             endBurnForLoad(l);
             return;
         }
-        b.BinLen = int32_t(std::min<qint64>(f.size(), INT32_MAX));
-        f.close();
+        b.BinLen = int32_t(std::min<qint64>(QFileInfo(name).size(), INT32_MAX));
         l.BinPath = name;
         AddLog(l, QStringLiteral(" File path：") + name);
         AddLog(l, QStringLiteral(" File size：") + QString::number(b.BinLen) + QStringLiteral("(Byte)"));
@@ -82,22 +82,21 @@ void ChooseFile(Link &l, Burn &b, const QString &name)
 
 int16_t PrepareImage(Link &l, Burn &b, const QString &path, QString *reason)
 {
-    if (path.size() < kShortestPath || !QFileInfo(path).isFile())
+    if (path.size() < kShortestPath || !QFileInfo::exists(path))
         return refuse(kPrepareNoFile, reason, QStringLiteral(" No such file：") + path);
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly))
-        return refuse(kPrepareNoFile, reason, QStringLiteral(" Cannot read：") + path);
-    const qint64 size = f.size();
+    QString why;
+    if (!CheckRegularFile(path, std::numeric_limits<qint64>::max(), &why))
+        return refuse(kPrepareNoFile, reason, QStringLiteral(" Cannot read：") + why);
+    const qint64 size = QFileInfo(path).size();
     b.BinLen = int32_t(std::min<qint64>(size, INT32_MAX));
     b.BinData.clear();
     // The burn's counters are 16-bit: a longer image is never read, let alone sent.
     if (size > kMaxImageLen)
         return refuse(kPrepareTooLong, reason,
                       QStringLiteral(" Image too long：%1(Byte), at most %2(Byte)").arg(size).arg(kMaxImageLen));
-    QByteArray data = f.read(size);
-    f.close();
-    if (data.size() != size)
-        return refuse(kPrepareNoFile, reason, QStringLiteral(" Cannot read：") + path);
+    QByteArray data;
+    if (!ReadWholeFile(path, kMaxImageLen, &data, &why) || data.size() != size)
+        return refuse(kPrepareNoFile, reason, QStringLiteral(" Cannot read：") + (why.isEmpty() ? path : why));
     // One element more than the file, as the loader's buffer has; never burned.
     b.BinData = data + QByteArray(1, '\0');
 

@@ -35,9 +35,12 @@ bool AppendBurnRecord(const QString &folder, const QDateTime &now, const QString
     // The date and time as the bench's own system writes them, then the rule.
     const QString head = now.toString(QStringLiteral("yyyy/M/d H:mm:ss"))
         + QString(kSeparatorLen, QLatin1Char('=')) + QStringLiteral("\r\n");
-    const bool ok = f.write(toGbk(head)) >= 0 && f.write(toGbk(logText + QStringLiteral("\r\n"))) >= 0;
+    const QByteArray entry = toGbk(head) + toGbk(logText + QStringLiteral("\r\n"));
+    // The bytes sit in a buffer until the flush: a full disk shows only there.
+    bool ok = f.write(entry) == entry.size();
+    ok = f.flush() && ok;
     f.close();
-    return ok;
+    return ok && f.error() == QFileDevice::NoError;
 }
 
 bool WriteBurnRecord(const Link &l)

@@ -97,7 +97,7 @@ int cliBurn(const QStringList &argsIn)
         return finish(kRefused, "cannot read " + file);
     Command4Click(s.link, burn);
     if (s.link.view.Command4Caption != QLatin1String("Stop"))
-        return finish(kRefused, "the image was refused (see the log above)");
+        return finish(kRefused, "the image was refused: " + burn.Refusal.trimmed());
 
     int lastPercent = -1;
     bool portLost = false;

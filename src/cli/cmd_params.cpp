@@ -1,5 +1,6 @@
 #include "clisession.h"
 #include "commands.h"
+#include "fileguard.h"
 #include "paramops.h"
 #include "params.h"
 
@@ -92,13 +93,14 @@ int cliParams(const QStringList &argsIn)
     InstallParamOps(s.link, p, ops);
 
     if (verb == "update" || verb == "save") {
-        QFile f(inPath);
-        if (!f.open(QIODevice::ReadOnly)) {
-            s.err << "cannot read " << inPath << ": " << f.errorString() << Qt::endl;
+        // Looked at before it is read: /dev/zero or a FIFO would never end.
+        QByteArray bytes;
+        QString why;
+        if (!ReadWholeFile(inPath, 1 << 20, &bytes, &why)) {
+            s.err << "cannot read " << inPath << ": " << why << Qt::endl;
             return 1;
         }
         // A block for another table would be stamped and sent as if it fitted.
-        const QByteArray bytes = f.readAll();
         if (bytes.size() != p.Tables[0].BlockSize) {
             s.err << inPath << " holds " << bytes.size() << " bytes; the settings block has "
                   << p.Tables[0].BlockSize << Qt::endl;

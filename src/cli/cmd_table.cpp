@@ -1,5 +1,6 @@
 #include "clisession.h"
 #include "commands.h"
+#include "fileguard.h"
 #include "params.h"
 
 #include <QFile>
@@ -127,12 +128,11 @@ int cliTable(const QStringList &argsIn)
     QByteArray block;
     bool haveImage = false;
     if (!imagePath.isEmpty()) {
-        QFile f(imagePath);
-        if (!f.open(QIODevice::ReadOnly)) {
-            err << imagePath << ": " << f.errorString() << Qt::endl;
+        QString why;
+        if (!ReadWholeFile(imagePath, 1 << 20, &block, &why)) {
+            err << imagePath << ": " << why << Qt::endl;
             return 1;
         }
-        block = f.read(1 << 20);
         haveImage = true;
         out << imagePath << ": " << block.size() << " bytes";
         if (block.size() < info.BlockSize)

@@ -45,6 +45,8 @@ void FakePort::deliver(const QByteArray &bytes)
     if (!m_open || bytes.isEmpty())
         return;
     m_input += bytes;
+    if (m_input.size() > kMaxHeldInput)
+        m_input.remove(0, m_input.size() - kMaxHeldInput);
     if (onComm)
         onComm(comEvReceive);
 }

@@ -170,10 +170,11 @@ void MBTimTimer(Link &l)
     }
     l.view.Command3Enabled = true;
     MBExchangeTick(l);
-    if (l.LinkMode != l.ModeRequest && l.MBStep == 0) {
+    if ((l.LinkMode != l.ModeRequest || l.ModeRearmed) && l.MBStep == 0) {
         // The outcome of the exchange that just ended is dropped unread.
         l.LinkMode = l.ModeRequest;
         l.StateWord = 0;
+        l.ModeRearmed = false;
     }
     if (l.LinkMode == 0)
         LinkMonitorStep(l);

@@ -67,6 +67,10 @@ struct Link {
     int16_t TryCount = 0;
     int16_t BurnArmed = 0;
     int16_t BurnBegun = 0;
+    // A button armed its operation afresh: the tick hands the line over as for
+    // a change of mode, even when ModeRequest came back to LinkMode before the
+    // tick saw it (Stop or Load File, then Program, within one exchange).
+    bool ModeRearmed = false;
 
     // The firmware path: Load File sets it, the strip shows it.
     QString BinPath;

@@ -4,6 +4,11 @@
 
 namespace pyro {
 
+QSerialPort::Parity QtParity(char parity)
+{
+    return parity == 'o' ? QSerialPort::OddParity : parity == 'e' ? QSerialPort::EvenParity : QSerialPort::NoParity;
+}
+
 QtSerialControl::QtSerialControl(QObject *parent)
     : QObject(parent)
 {
@@ -12,6 +17,10 @@ QtSerialControl::QtSerialControl(QObject *parent)
             onComm(comEvSend);
     });
     connect(&m_port, &QSerialPort::readyRead, this, [this] {
+        // The port is read only after a quiet spell; a peer that babbles
+        // without a pause would otherwise fill memory. Keep the newest bytes.
+        if (const qint64 over = m_port.bytesAvailable() - kMaxHeldInput; over > 0)
+            m_port.skip(over);
         if (onComm)
             onComm(comEvReceive);
     });
@@ -25,10 +34,7 @@ bool QtSerialControl::open(const QString &name, const PortSettings &s)
     m_port.setPortName(name);
     if (!m_port.open(QIODevice::ReadWrite))
         return false;
-    const auto parity = s.parity == 'o' ? QSerialPort::OddParity
-        : s.parity == 'e'               ? QSerialPort::EvenParity
-                                        : QSerialPort::NoParity;
-    const bool ok = m_port.setBaudRate(s.baud) && m_port.setParity(parity)
+    const bool ok = m_port.setBaudRate(s.baud) && m_port.setParity(QtParity(s.parity))
         && m_port.setDataBits(QSerialPort::DataBits(s.dataBits))
         && m_port.setStopBits(s.stopBits == 2 ? QSerialPort::TwoStop : QSerialPort::OneStop)
         && m_port.setFlowControl(QSerialPort::NoFlowControl);

@@ -6,6 +6,9 @@
 
 namespace pyro {
 
+// The parity letter of the settings text ('n', 'o', 'e') as the port's own.
+QSerialPort::Parity QtParity(char parity);
+
 // The real port. bytesWritten with nothing left to write stands for the
 // transmit-empty notice, readyRead for the arrival of data. A device that
 // goes away (adapter pulled, pseudo-terminal closed) closes the port, so the

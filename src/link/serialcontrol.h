@@ -14,6 +14,12 @@ struct PortSettings {
     int stopBits = 1;
 };
 
+// The most input a port holds unread: far above the longest reply (a settings
+// block of 480 bytes in one frame), so that a peer that never stops talking
+// can't grow it. Past it the oldest bytes are dropped; such a block fails its
+// CRC whatever it keeps.
+constexpr qsizetype kMaxHeldInput = 64 * 1024;
+
 enum CommEvent { comEvSend = 1, comEvReceive = 2 };
 
 // The one serial control. Never blocks; notices come through onComm on the

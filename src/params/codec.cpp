@@ -240,12 +240,15 @@ int16_t EncodeValue(const QString &text, QByteArray &image, const QList<ParamRow
         shown = LeadingNumber(text);
     }
 
-    double stored = 0;
+    // A typed number is scaled back; a list stores the piece of Values at the
+    // pick as it stands, whatever Scale the row has.
+    double stored = shown;
+    const auto toStored = [&] { return fromList || unscale(shown, row.Scale, stored); };
     qint64 v = 0;
     switch (kind) {
     case ValueKind::Byte:
         // A number that doesn't fit the row's width stores nothing.
-        if (!unscale(shown, row.Scale, stored) || !FitInteger(stored, 0, 255, v))
+        if (!toStored() || !FitInteger(stored, 0, 255, v))
             return 0;
         image[at] = char(uint8_t(v));
         return 0;
@@ -260,7 +263,7 @@ int16_t EncodeValue(const QString &text, QByteArray &image, const QList<ParamRow
         putLe32(image, at, uint32_t(int32_t(v)));
         return 0;
     case ValueKind::Float:
-        if (!unscale(shown, row.Scale, stored) || std::fabs(stored) > std::numeric_limits<float>::max())
+        if (!toStored() || std::fabs(stored) > std::numeric_limits<float>::max())
             return 0;
         putLe32(image, at, bitsFromFloat(float(stored)));
         return 0;

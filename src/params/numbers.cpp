@@ -22,15 +22,15 @@ QString FormatDecimals(double value, int decimals)
 {
     if (decimals < 0 || decimals > 5 || !std::isfinite(value))
         return {};
+    // A negative number keeps its minus even when its digits round to zero
+    // (-0.001 shows -0.00); a zero stored with its sign bit set is no negative number.
+    if (value == 0)
+        value = 0;
     char buf[400];   // a double's integer part has at most 309 digits
     const auto r = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, decimals);
     if (r.ec != std::errc())
         return {};
-    const char *from = buf;
-    // -0.001 rounds to zero: show 0.00, not -0.00.
-    if (*from == '-' && std::all_of(buf + 1, r.ptr, [](char c) { return c == '0' || c == '.'; }))
-        ++from;
-    return QString::fromLatin1(from, r.ptr - from);
+    return QString::fromLatin1(buf, r.ptr - buf);
 }
 
 QString ShortestText(double value)

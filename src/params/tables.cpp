@@ -1,8 +1,7 @@
 #include "tables.h"
 #include "numbers.h"
+#include "fileguard.h"
 
-#include <QFile>
-#include <QFileInfo>
 #include <QStringDecoder>
 #include <cmath>
 #include <limits>
@@ -208,16 +207,11 @@ int16_t LoadProtocolTable(GridModel &grid, const QString &path, QList<ParamRow> 
 {
     if (path.size() < 4)
         return fail(diag, 0, QStringLiteral("the path has fewer than 4 characters"));
-    const QFileInfo fi(path);
-    if (!fi.exists() || !fi.isFile())
-        return fail(diag, 0, QStringLiteral("the file does not exist"));
-    if (fi.size() > kMaxFileBytes)
-        return fail(diag, 0, QStringLiteral("the file is larger than %1 bytes").arg(kMaxFileBytes));
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly))
-        return fail(diag, 0, QStringLiteral("the file cannot be opened: ") + f.errorString());
-    const QByteArray content = f.read(kMaxFileBytes);
-    f.close();
+    // Not a FIFO, a device or a huge file: those would block or swamp the start.
+    QByteArray content;
+    QString why;
+    if (!ReadWholeFile(path, kMaxFileBytes, &content, &why))
+        return fail(diag, 0, QStringLiteral("the file cannot be read: ") + why);
     return LoadProtocolTableData(grid, content, rows, info, diag);
 }
 
@@ -238,13 +232,17 @@ int16_t LoadProtocolTableData(GridModel &grid, const QByteArray &content, QList<
         const QStringList f = in.next().split(kFieldSep);
         if (f.size() < 2)
             return fail(diag, 1, QStringLiteral("line 1 needs two fields, HeaderNumber\\/BlockSize; it has %1").arg(f.size()));
+        // Both numbers go into info as they are read, before any test: a
+        // rejected value stays there.
+        const bool headerFits = takeInt(f[0], info.HeaderNumber);
+        const bool blockFits = takeInt(f[1], info.BlockSize);
         if (!IsNumericText(f[0]))
             return fail(diag, 1, QStringLiteral("HeaderNumber \"%1\" is not a number").arg(f[0]));
         if (!IsNumericText(f[1]))
             return fail(diag, 1, QStringLiteral("BlockSize \"%1\" is not a number").arg(f[1]));
-        if (!takeInt(f[0], info.HeaderNumber))
+        if (!headerFits)
             return fail(diag, 1, QStringLiteral("HeaderNumber \"%1\" does not fit 16 bits").arg(f[0]));
-        if (!takeInt(f[1], info.BlockSize))
+        if (!blockFits)
             return fail(diag, 1, QStringLiteral("BlockSize \"%1\" does not fit 16 bits").arg(f[1]));
         if (info.HeaderNumber < 1 || info.HeaderNumber > 60)
             return fail(diag, 1, QStringLiteral("HeaderNumber %1 is outside 1..60").arg(info.HeaderNumber));

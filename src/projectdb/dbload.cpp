@@ -8,6 +8,12 @@
 #include <QDir>
 #include <QFileInfo>
 #include <vector>
+#ifdef Q_OS_WIN
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#endif
 
 namespace pyro {
 
@@ -213,15 +219,22 @@ QString TwinPath(const QString &path)
 
 int RefreshTwin(ProjectDb &db, const QString &path)
 {
-    // Hidden and system have no meaning here; read-only is what keeps the
-    // copy from being edited by mistake.
+    // The copy is read-only so that nobody edits it by mistake; on Windows it
+    // is hidden and a system file too, out of the operator's way. Elsewhere
+    // those two have no meaning.
     const QString twin = TwinPath(path);
+#ifdef Q_OS_WIN
+    const std::wstring twinW = QDir::toNativeSeparators(twin).toStdWString();
+#endif
     const QFileDevice::Permissions rw = QFileDevice::ReadOwner | QFileDevice::WriteOwner
         | QFileDevice::ReadGroup | QFileDevice::ReadOther;
     const QFileDevice::Permissions ro = QFileDevice::ReadOwner | QFileDevice::ReadGroup
         | QFileDevice::ReadOther;
     QString error;
     if (QFileInfo::exists(twin)) {
+#ifdef Q_OS_WIN
+        SetFileAttributesW(twinW.c_str(), FILE_ATTRIBUTE_NORMAL);
+#endif
         QFile::setPermissions(twin, rw);
         QFile old(twin);
         if (!old.remove())
@@ -231,8 +244,13 @@ int RefreshTwin(ProjectDb &db, const QString &path)
         QFile src(path);
         if (!src.copy(twin))
             error = QStringLiteral("无法复制到备份 %1：%2").arg(twin, src.errorString());
-        else
+        else {
             QFile::setPermissions(twin, ro);
+#ifdef Q_OS_WIN
+            SetFileAttributesW(twinW.c_str(),
+                               FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
+#endif
+        }
     }
     if (!error.isEmpty()) {
         Report(db, kMsgIoFailed + error);

@@ -228,9 +228,9 @@ int32_t KeyToRec(const QString &key)
 
 QString StampText(const QDateTime &when)
 {
-    // The short date of the machine's locale and the time with seconds.
-    return QLocale::system().toString(when.date(), QLocale::ShortFormat) + ' '
-        + when.time().toString(QStringLiteral("HH:mm:ss"));
+    // The machine's own short date and long time forms.
+    const QLocale sys = QLocale::system();
+    return sys.toString(when.date(), QLocale::ShortFormat) + ' ' + sys.toString(when.time(), QLocale::LongFormat);
 }
 
 } // namespace pyro

@@ -117,6 +117,17 @@ void TstBurnE2e::cliBurn()
     QCOMPARE(files.size(), 1);
     QVERIFY(ok.err.contains(files[0]));
 
+    // A refused image: one line in the log, the reason on stderr.
+    QByteArray used(2000, '\0');
+    used[1024] = 1;
+    QFile usedFile(home.filePath("used.BIN"));
+    QVERIFY(usedFile.open(QIODevice::WriteOnly) && usedFile.write(used) == used.size());
+    usedFile.close();
+    const CliRun refused = runCli({"burn", "--port", sim.path, "--file", usedFile.fileName()}, home.path());
+    QCOMPARE(refused.code, 1);
+    QVERIFY2(refused.out.endsWith(" File open error \n"), qPrintable(refused.out));
+    QVERIFY2(refused.err.contains("the image was refused: Information block not blank"), qPrintable(refused.err));
+
     const CliRun noPort = burn(home.filePath("no-such-tty"), {});
     QCOMPARE(noPort.code, 3);
     QVERIFY(noPort.err.contains("cannot open port"));

@@ -39,6 +39,8 @@ private slots:
     void identities();
     void cancels_data();
     void cancels();
+    void rearmedWithinOneExchange_data();
+    void rearmedWithinOneExchange();
     void oddFrameLengths();
 };
 
@@ -67,6 +69,7 @@ void TstBurnState::goldenTranscript()
     QVERIFY(b.link.view.RTB.endsWith(" Has been successfully burning：1 (chip) " + path + "\r\n"));
     QCOMPARE(b.link.BurnArmed, int16_t(0));
     QCOMPARE(b.link.BurnBegun, int16_t(1));     // a normal end keeps it
+    QCOMPARE(b.link.view.SB[1], QString("Link normal-download mode"));
 }
 
 void TstBurnState::wholeImage_data()
@@ -74,11 +77,14 @@ void TstBurnState::wholeImage_data()
     QTest::addColumn<int>("len");
     QTest::addColumn<QString>("frameLen");
     QTest::addColumn<int>("keep");   // KeepInF: 0 clear, 1 set, 2 ticked once the burn runs
-    QTest::newRow("2 pages at 512") << 2048 << "512" << 0;
     QTest::newRow("5 pages at 16") << 5120 << "16" << 0;
+    QTest::newRow("half a last page") << 4608 << "512" << 0;   // closed as page 12.5, to even
     QTest::newRow("smallest image") << 1074 << "512" << 0;
     QTest::newRow("largest image") << 32767 << "512" << 0;
     QTest::newRow("KeepInF") << 6000 << "512" << 1;
+    // Nothing past the settings pages: the jump lands on the end, and the
+    // image closes on an empty write into the page behind it.
+    QTest::newRow("KeepInF, exactly 4096") << 4096 << "512" << 1;
     QTest::newRow("KeepInF, full last page") << 6144 << "128" << 1;
     QTest::newRow("KeepInF ticked on a short image") << 3000 << "512" << 2;
 }
@@ -107,14 +113,20 @@ void TstBurnState::wholeImage()
         if (gap && at == 2048)
             at = 4096;
         const int done = std::min(at + 1024, len);
+        // The closing page number: bytes done / 1024 + 8, a half to the even page.
+        const int page = done / 1024 + 8, part = done % 1024;
+        const int closing = page + (part > 512 || (part == 512 && page % 2 == 1) ? 1 : 0);
         erases << MBBuildFrame(kFnErasePage, '\0' + le32(uint32_t(kFlashBase + at)) + char(at / 1024 + 8));
-        closes << MBBuildFrame(kFnClosePage, char(done == len ? 0xA7 : 0x00) + le32(uint32_t(done))
-                                   + char(RoundHalfEven(done / 1024.0 + 8)));
+        closes << MBBuildFrame(kFnClosePage, char(done == len ? 0xA7 : 0x00) + le32(uint32_t(done)) + char(closing));
     }
     QCOMPARE(b.sentWith(kFnErasePage), erases);
     QCOMPARE(b.sentWith(kFnClosePage), closes);
-    for (const QByteArray &w : b.sentWith(kFnWritePage))
-        QVERIFY(getLe16(w, 5) > 0 && getLe16(w, 5) <= frameLen.toInt());
+    int empty = 0;
+    for (const QByteArray &w : b.sentWith(kFnWritePage)) {
+        QVERIFY(getLe16(w, 5) <= frameLen.toInt());
+        empty += getLe16(w, 5) == 0;
+    }
+    QCOMPARE(empty, gap && len == 4096 ? 1 : 0);
     QCOMPARE(b.burn.ChipsDone, 1);
     QCOMPARE(board.imagesClosed, 1);
     const QByteArray img = b.stamped();
@@ -155,8 +167,10 @@ void TstBurnState::faultsEndWithTheRightFlash_data()
         // The page starts over from its erase, and from its first byte.
         {"refused write mid-page", SimFault::Refuse, 1, kFnWritePage, 4, "", 1,
          "E8 W0 W512 C9 E9 W0 W512 E9 W0 W512 C10 E10 W0 W512 C11"},
-        // Eleven bad answers give the chip up; found again, it starts from page 8.
-        {"retry limit", SimFault::CorruptCrc, 11, kFnWritePage, 4, "", 2, ""},
+        // A good answer leaves the count at 1, so ten bad ones after it give
+        // the chip up (found again, it starts from page 8) and nine do not.
+        {"retry limit", SimFault::CorruptCrc, 10, kFnWritePage, 4, "", 2, ""},
+        {"one short of the retry limit", SimFault::CorruptCrc, 9, kFnWritePage, 4, "", 1, ""},
         // Gone long enough to be forgotten, then back: burned anew.
         {"chip gone mid-page", SimFault::RemoveChip, 20, -1, 4, "", 2, ""},
         {"a stray frame", SimFault::None, 0, 0, 3, "01070000FFFF13", 1, ""},
@@ -342,6 +356,55 @@ void TstBurnState::cancels()
             QVERIFY(w.size() <= (how == "combo" ? 256 : 512) + 9);
 }
 
+void TstBurnState::rearmedWithinOneExchange_data()
+{
+    QTest::addColumn<QString>("how");
+    QTest::addColumn<int>("len");     // of the new image
+    QTest::newRow("Load File, Program") << "load" << 6000;
+    QTest::newRow("Load File of a shorter image, Program") << "load" << 1500;
+    QTest::newRow("Stop, file rebuilt, Program") << "stop" << 3000;
+    QTest::newRow("FrameLen changed, port reopened, Program") << "combo" << 4000;
+}
+
+// Clicks that end a burn and arm a new one while one exchange is under way:
+// the new burn starts afresh from page 8 with the new image, and the only chip
+// reported done holds that image whole.
+void TstBurnState::rearmedWithinOneExchange()
+{
+    QFETCH(QString, how);
+    QFETCH(int, len);
+    BurnBench b(BurnBench::Simulated);
+    SimBoard &board = *b.sim;
+    const QString first = b.start(5000);
+    QVERIFY(b.runUntil([&] { return b.sent(kFnWritePage) == 5; }, 2000));
+    QVERIFY(b.link.MBStep != 0);
+    const int erases = b.sent(kFnErasePage);
+
+    const QByteArray next = testImage(len, 99);
+    QString path = first;
+    if (how == "load") {
+        path = b.file(next, "next.BIN");
+        b.prompter.files << path;
+        Command3Click(b.link, b.burn);
+    } else if (how == "stop") {
+        Command4Click(b.link, b.burn);
+        b.file(next);
+    } else {
+        b.link.view.ComboSet[5].text = "256";
+        ComboSetChange(b.link, 5);
+        b.open();
+        b.file(next);
+    }
+    Command4Click(b.link, b.burn);
+    QVERIFY(b.burning());
+    QVERIFY(b.finish());
+    QCOMPARE(b.logged(" Has been successfully burning："), 1);
+    QVERIFY(b.link.view.RTB.endsWith(" Has been successfully burning：1 (chip) " + path + "\r\n"));
+    QCOMPARE(getLe32(b.sentWith(kFnErasePage).at(erases), 3), uint32_t(kFlashBase));
+    QCOMPARE(b.stamped().size(), len);
+    QCOMPARE(simFlash(board, kFlashBase, len), b.stamped());
+}
+
 // FrameLen values that don't divide a page, or none: the page restarts (or
 // empty frames go) until Stop; nothing overruns, nothing is counted done.
 void TstBurnState::oddFrameLengths()
@@ -358,9 +421,13 @@ void TstBurnState::oddFrameLengths()
         Command4Click(b.link, b.burn);
         QVERIFY(b.finish(200));
     }
-    View v;
-    v.ComboSet[5].text = " 128 bytes";
-    QCOMPARE(ReadFrameLen(v), int16_t(128));
+    // The box is read as every typed number is: leading number, ties to even.
+    const QList<QPair<QString, int>> texts{{" 128 bytes", 128}, {"&H200", 512}, {"12.5", 12}, {"-64", 0}, {"99999", 32767}};
+    for (const auto &[text, len] : texts) {
+        View v;
+        v.ComboSet[5].text = text;
+        QCOMPARE(ReadFrameLen(v), int16_t(len));
+    }
 }
 
 QTEST_GUILESS_MAIN(TstBurnState)

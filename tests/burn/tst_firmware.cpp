@@ -3,6 +3,9 @@
 #include "params.h"
 
 #include <QtTest>
+#ifdef Q_OS_UNIX
+#include <sys/stat.h>
+#endif
 
 using namespace pyro;
 
@@ -63,13 +66,16 @@ void TstFirmware::infoBlockLayout()
 
 void TstFirmware::prepareResults_data()
 {
-    QTest::addColumn<int>("len");           // -1: no file
+    QTest::addColumn<int>("len");           // -1: no file, -2: a FIFO
     QTest::addColumn<QByteArray>("block");  // the first bytes of the block
     QTest::addColumn<bool>("keep");
     QTest::addColumn<int>("result");
     QTest::addColumn<QString>("reason");
     const QByteArray blank = QByteArray::fromHex("FFFF");
     QTest::newRow("no file") << -1 << blank << false << 3 << " No such file：";
+#ifdef Q_OS_UNIX
+    QTest::newRow("a FIFO") << -2 << blank << false << 3 << " Cannot read：not a regular file";
+#endif
     QTest::newRow("empty file") << 0 << blank << false << 1 << " Image too short：0(Byte), the information block needs 1074(Byte)";
     QTest::newRow("block cut short") << 1073 << blank << false << 1 << " Image too short：1073(Byte)";
     QTest::newRow("one byte too long") << 32768 << blank << false << 4 << " Image too long：32768(Byte), at most 32767(Byte)";
@@ -77,12 +83,11 @@ void TstFirmware::prepareResults_data()
     QTest::newRow("not blank") << 5000 << QByteArray::fromHex("0100") << false << 1 << " Information block not blank：Device ID 1";
     QTest::newRow("half blank") << 5000 << QByteArray::fromHex("FF00") << false << 1 << " Information block not blank：Device ID 255";
     QTest::newRow("KeepInF, short") << 4095 << blank << true << 5 << " KeepInF needs an image of at least 4096(Byte)";
-    QTest::newRow("KeepInF, enough") << 4096 << blank << true << 0 << "";
 }
 
 // PrepareImage's result and reason, then the same file through Program: a
-// burn, or the refusal in the log and none. The smallest and largest images
-// are burned whole in the state machine tests.
+// burn, or the refusal in the log and none. The smallest and largest images,
+// and KeepInF on exactly 4096 bytes, are burned whole in the state machine tests.
 void TstFirmware::prepareResults()
 {
     QFETCH(int, len);
@@ -95,6 +100,10 @@ void TstFirmware::prepareResults()
     if (len >= 1024 + block.size())
         img.replace(1024, block.size(), block);
     const QString path = len < 0 ? b.dir.filePath("missing.BIN") : b.file(img);
+#ifdef Q_OS_UNIX
+    if (len == -2)
+        QCOMPARE(mkfifo(QFile::encodeName(path).constData(), 0600), 0);
+#endif
     b.link.view.Check1[1] = keep;
     QString why;
     QCOMPARE(int(PrepareImage(b.link, b.burn, path, &why)), result);
@@ -102,14 +111,20 @@ void TstFirmware::prepareResults()
     if (result == 0) {
         QCOMPARE(b.burn.BinData.size(), len + 1);
         QCOMPARE(b.burn.BinData.back(), '\0');
+        QCOMPARE(b.burn.BinData.mid(1024, 4), QByteArray::fromHex("FFFFFFFF"));   // DeviceId2 too
     }
 
     b.responder = [](const QByteArray &r) { return obligingDevice(r, QByteArray(12, '\x5A')); };
     b.open();
     b.program(path);
     QCOMPARE(b.burning(), result == 0);
-    if (result != 0)
-        QVERIFY(b.link.view.RTB.contains(" File open error \r\n2026-11-23 09:30:00" + reason));
+    // The pane says only that the file failed; the reason is kept for the user.
+    if (result != 0) {
+        QVERIFY(b.link.view.RTB.endsWith("09:30:00 File open error \r\n"));
+        QVERIFY(!b.link.view.RTB.contains(reason));
+        // Load File has refused what isn't there or isn't a file: no path is left.
+        QVERIFY2(b.burn.Refusal.startsWith(len < 0 ? " No such file：" : reason), qPrintable(b.burn.Refusal));
+    }
 }
 
 // The stamp: only the 50 bytes at 1024 change; a stamped file prepares again
@@ -184,8 +199,13 @@ void TstFirmware::loadFile()
     QVERIFY(!b.link.view.Command3Enabled && !b.link.view.Command4Enabled);
     b.link.view.Command4Enabled = true;
 
-    // A file that can't be opened ends the click: path and Program stay.
-    dp.files << b.dir.filePath("gone.BIN");
+    // A file that can't be read (here a FIFO, which would block an open) ends
+    // the click: path and Program stay.
+    const QString fifo = b.dir.filePath("fifo.BIN");
+#ifdef Q_OS_UNIX
+    QCOMPARE(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+#endif
+    dp.files << fifo;
     Command3Click(b.link, b.burn);
     QCOMPARE(b.link.BinPath, path);
     QCOMPARE(b.burn.BinLen, 0);

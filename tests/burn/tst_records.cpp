@@ -62,6 +62,14 @@ void TstRecords::defaultFolderAndFailures()
     QVERIFY(blocker.open(QIODevice::WriteOnly));
     blocker.close();
     QVERIFY(!AppendBurnRecord(home.filePath("file/ProRecord(K0)"), l.now(), l.view.RTB));
+
+    // A disk that is full: the day's file leads to /dev/full, where every write fails.
+    if (QFile::exists("/dev/full")) {
+        const QString full = home.filePath("full");
+        QVERIFY(QDir().mkpath(full));
+        QVERIFY(QFile::link("/dev/full", full + "/2026.1.5(K0).Txt"));
+        QVERIFY(!AppendBurnRecord(full, l.now(), l.view.RTB));
+    }
     qputenv("HOME", oldHome);
 }
 

@@ -1,6 +1,11 @@
 #include "simprocess.h"
 
+#include "frame.h"
+
+#include <QSocketNotifier>
 #include <QtTest>
+#include <fcntl.h>
+#include <unistd.h>
 
 using namespace pyro;
 
@@ -11,6 +16,7 @@ class TstLinkE2e : public QObject {
 private slots:
     void monitorFollowsTheBoard();
     void cliPortsAndMonitor();
+    void floodOnTheLine();
 };
 
 // The texts of each state and the failure rhythm are the supervisor tests'
@@ -56,6 +62,53 @@ void TstLinkE2e::cliPortsAndMonitor()
     sim.command("quit");
     QVERIFY(sim.proc.waitForFinished(5000));
     QCOMPARE(runCli({"monitor", "--port", "COM19", "--seconds", "1"}).code, 1);
+}
+
+// A peer that talks without a pause, 16 MB while nothing reads: the port
+// holds no more than its bound, the newest bytes, and the link recovers once
+// the peer answers properly again.
+void TstLinkE2e::floodOnTheLine()
+{
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
+    QVERIFY(master >= 0);
+    QVERIFY(grantpt(master) == 0 && unlockpt(master) == 0);
+    LiveLink live(QString::fromLocal8Bit(ptsname(master)));
+    live.timer.stop();
+    Command2Click(live.link);
+    QVERIFY(live.port.isOpen());
+
+    QByteArray chunk(4096, char(0x55));
+    qint64 sent = 0;
+    for (int i = 0; sent < (16 << 20) && i < 1000000; ++i) {
+        chunk[0] = char(i);
+        const ssize_t n = ::write(master, chunk.constData(), size_t(chunk.size()));
+        if (n > 0)
+            sent += n;
+        QCoreApplication::processEvents();
+    }
+    QVERIFY(sent >= (16 << 20));
+    QTest::qWait(50);
+    const QByteArray held = live.port.input();
+    QVERIFY2(held.size() > 0 && held.size() <= kMaxHeldInput, qPrintable(QString::number(held.size())));
+    QVERIFY(held.endsWith(QByteArray(100, char(0x55))));
+
+    // Polls answered again: the monitor reads the board's state.
+    const QByteArray reply = MBBuildFrame(kFnLinkPoll, QByteArray(1, '\2'));
+    QSocketNotifier heard(master, QSocketNotifier::Read);
+    QObject::connect(&heard, &QSocketNotifier::activated, [&] {
+        char buf[256];
+        if (::read(master, buf, sizeof buf) > 0)
+            (void)::write(master, reply.constData(), size_t(reply.size()));
+    });
+    live.timer.start();
+    QTRY_COMPARE_WITH_TIMEOUT(live.link.view.SB[1], QString("Link normal-run mode"), 5000);
+    ClosePort(live.link);
+    ::close(master);
+
+    // A pseudo-terminal takes no parity, so the letters are checked on their own.
+    QCOMPARE(QtParity('e'), QSerialPort::EvenParity);
+    QCOMPARE(QtParity('o'), QSerialPort::OddParity);
+    QCOMPARE(QtParity('n'), QSerialPort::NoParity);
 }
 
 QTEST_GUILESS_MAIN(TstLinkE2e)

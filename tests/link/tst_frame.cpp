@@ -33,6 +33,12 @@ void TstFrame::checkValues()
     const QByteArray built = MBBuildFrame(uint8_t(b[0]), b.mid(1));
     QCOMPARE(toHexLine(built), frame);
     QVERIFY(FrameCrcOk(built));
+    // Both CRC bytes count: one of them wrong is a bad frame.
+    for (const int from : {1, 2}) {
+        QByteArray bad = built;
+        bad[bad.size() - from] = char(bad[bad.size() - from] ^ 0x01);
+        QVERIFY(!FrameCrcOk(bad));
+    }
 }
 
 void TstFrame::crcEdges()

@@ -214,7 +214,9 @@ void TstSupervisor::autoDetectAndSettings()
     b.open();
     b.link.view.Command4Caption = "Stop";
     b.link.ModeRequest = 1;
+    ShowProgress(b.link.view, "/fw/app.BIN", 0.5f);
     AutoDetect(b.link, {"COM1", "COM2", "COM3", "junk"});
+    QVERIFY(!b.link.view.PersLabVisible);   // no stale fill behind the path
     QCOMPARE(b.link.view.ComboSet[0].list, QStringList({"COM1", "COM3"}));
     QCOMPARE(b.link.view.ComboSet[0].text, QString("COM1"));
     QVERIFY(!b.port.isOpen());
@@ -234,8 +236,16 @@ void TstSupervisor::autoDetectAndSettings()
     QCOMPARE(ps.parity, 'e');
     QVERIFY(!ParseSettings("57600,8,1", &ps));
     QVERIFY(!ParseSettings("abc,n,8,1", &ps));   // bad data bits: through the open button
-    b.link.view.ComboSet[2].text = "Odd";
-    QCOMPARE(MBSettings(b.link.view), QString("57600,o,8,1"));
+    // Odd and Even open the port with that parity, each its own.
+    for (const auto &[box, letter] : {std::pair{"Odd", 'o'}, std::pair{"Even", 'e'}}) {
+        b.link.view.ComboSet[2].text = box;
+        QCOMPARE(MBSettings(b.link.view), QString("57600,%1,8,1").arg(letter));
+        b.link.view.ComboSet[0].text = "/dev/fake0";
+        b.open();
+        QVERIFY(b.port.isOpen());
+        QCOMPARE(b.port.openedSettings.parity, letter);
+        b.open();
+    }
 }
 
 QTEST_APPLESS_MAIN(TstSupervisor)

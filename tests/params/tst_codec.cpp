@@ -76,7 +76,8 @@ private slots:
         QTest::newRow("long single") << makeRow(4, 0, 0, 0, 1, 0) << le32(16777217) << "16777216";
         QTest::newRow("long negative") << makeRow(4, 0, 0, 0, 100, 1) << le32(uint32_t(-150)) << "-1.5";
         QTest::newRow("long tie to even") << makeRow(4, 0, 0, 0, 1000, 2) << le32(125) << "0.12";
-        QTest::newRow("long no minus zero") << makeRow(4, 0, 0, 0, 1000, 2) << le32(uint32_t(-1)) << "0.00";
+        QTest::newRow("long negative, rounds to zero") << makeRow(4, 0, 0, 0, 1000, 2) << le32(uint32_t(-1)) << "-0.00";
+        QTest::newRow("float zero with sign bit") << makeRow(4, 1, 0, 0, 1, 2) << le32(0x80000000) << "0.00";
         QTest::newRow("long 6 decimals") << makeRow(4, 0, 0, 0, 1, 6) << le32(7) << kOld;
         // float: single, Decimals, or a list by the integer below it
         QTest::newRow("float 2 decimals") << makeRow(4, 1, 0, 0, 1, 2) << f32(3.14159f) << "3.14";
@@ -220,9 +221,11 @@ private slots:
         QTest::newRow("float single") << makeRow(4, 1) << z4 << "0.1" << le32(0x3DCCCCCD);
         QTest::newRow("float scaled") << makeRow(4, 1, 0, 0, 10) << z4 << "1.5" << f32(15.0f);
         QTest::newRow("float 1e39") << makeRow(4, 1) << z4 << "1e39" << z4;
-        QTest::newRow("float list") << makeRow(4, 1, 0, 1, 1, 0, "Hall||Encoder", "0||1.5") << z4 << "encoder" << f32(1.5f);
         QTest::newRow("byte list any case") << makeRow(1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1") << z4 << "REV" << QByteArray("\x01\0\0\0", 4);
         QTest::newRow("byte list first hit") << makeRow(1, 0, 0, 1, 1, 0, "On||Off", "5||6") << z4 << "O" << QByteArray("\x05\0\0\0", 4);
+        // A list stores the piece of Values at the pick as it stands, whatever its Scale.
+        QTest::newRow("byte list scaled") << makeRow(1, 0, 0, 1, 10, 0, "A||B||C", "0||1||2") << z4 << "C" << QByteArray("\x02\0\0\0", 4);
+        QTest::newRow("float list scaled") << makeRow(4, 1, 0, 1, 4, 0, "Hall||Encoder", "0||1.5") << z4 << "encoder" << f32(1.5f);
         QTest::newRow("byte list chinese") << makeRow(1, 0, 0, 1, 1, 0, "正转||反转", "0||1") << z4 << "反转" << QByteArray("\x01\0\0\0", 4);
         QTest::newRow("byte list unknown") << makeRow(1, 0, 0, 1, 1, 0, "Forward||Reverse", "0||1") << ones << "Up" << ones;
         // bit: one bit changes, the others stay
