@@ -112,13 +112,19 @@ bool PutRec(DbFile &f, int32_t n, const DbRecord &r)
     }
     const QByteArray b = EncodeRecord(r);
     qint64 room = b.size();
-    if (f.faults && f.faults->spaceLimit >= 0)
-        room = std::clamp<qint64>(f.faults->spaceLimit - at, 0, b.size());
-    const bool ok = f.file.seek(at) && f.file.write(b.constData(), room) == room && room == b.size();
+    QString why;
+    if (f.faults && f.faults->spaceLimit >= 0 && at + room > f.faults->spaceLimit) {
+        room = std::max<qint64>(f.faults->spaceLimit - at, 0);
+        why = QStringLiteral("磁盘已满");
+    }
+    if (f.faults && f.faults->failPut == f.puts + 1) {
+        room = b.size() / 2;
+        why = QStringLiteral("写入中断");
+    }
+    const bool ok = f.file.seek(at) && f.file.write(b.constData(), room) == room && why.isEmpty();
     f.length = f.file.size();
     if (!ok) {
-        f.error = QStringLiteral("写记录 %1 失败：%2").arg(n)
-                      .arg(room < b.size() ? QStringLiteral("磁盘已满") : f.file.errorString());
+        f.error = QStringLiteral("写记录 %1 失败：%2").arg(n).arg(why.isEmpty() ? f.file.errorString() : why);
         return false;
     }
     ++f.puts;

@@ -15,10 +15,12 @@ namespace pyro {
 constexpr int32_t kMaxRecords = 100000;
 
 // What a test puts in the way of writing: a disk that is full once the file
-// reaches spaceLimit bytes (-1: never), and a look at the file after every
-// record written (a power cut there leaves the file as it then is).
+// reaches spaceLimit bytes (-1: never), a write that breaks off halfway at the
+// failPut-th record of an operation (0: none), and a look at the file after
+// every record written (a power cut there leaves the file as it then is).
 struct DbFaults {
     qint64 spaceLimit = -1;
+    int failPut = 0;
     std::function<void()> afterPut;
 };
 

@@ -141,7 +141,7 @@ bool openForEdit(ProjectDb &db, DbFile &f)
 int failEdit(ProjectDb &db, DbFile &f, bool treeChanged = false)
 {
     bool reload = true;
-    if (f.puts == 0) {
+    if (f.undo.isEmpty() && f.length == f.startLength) {
         Report(db, kMsgOpStopped + f.error);
     } else if (RollBack(f)) {
         Report(db, kMsgWriteUndone + f.error);

@@ -16,6 +16,85 @@ static QString buildSmallTree(DbFixture &fx)
     return p;
 }
 
+// The small tree with a third top-level item: 2 [4 [6], 5], 3, 7; then the
+// items of prep deleted, to shape it for a case.
+static QString buildEditTree(DbFixture &fx, const QList<int> &prep)
+{
+    const QString p = buildSmallTree(fx);
+    fx.addTop();
+    for (int n : prep) {
+        fx.select(n);
+        DeleteNode(fx.db);
+    }
+    fx.select(0);
+    return p;
+}
+
+// One edit of the tables below: "insert" ahead of a, "top" an item at the
+// top level, "child" an item under a (0: nothing selected), "delete" a,
+// "move" a ahead of b.
+static int runEdit(DbFixture &fx, const QString &op, int a, int b)
+{
+    fx.select(a);
+    if (op == "move") {
+        MarkCutNode(fx.db);
+        fx.select(b);
+        return PasteCutNode(fx.db);
+    }
+    return op == "insert" ? InsertBefore(fx.db)
+        : op == "delete"  ? DeleteNode(fx.db)
+        : op == "top"     ? AddTopLevel(fx.db)
+                          : AddChild(fx.db);
+}
+
+// Every case of every write order.
+static void editRows()
+{
+    QTest::addColumn<QString>("op");
+    QTest::addColumn<int>("a");
+    QTest::addColumn<int>("b");
+    QTest::addColumn<QList<int>>("prep");
+    const QList<int> none;
+    QTest::newRow("insert, after a sibling") << "insert" << 3 << 0 << none;
+    QTest::newRow("insert, first child") << "insert" << 4 << 0 << none;
+    QTest::newRow("insert, first top-level") << "insert" << 2 << 0 << none;
+    QTest::newRow("add top-level") << "top" << 0 << 0 << none;
+    QTest::newRow("add top-level, empty tree") << "top" << 0 << 0 << QList<int>{2, 3, 7};
+    QTest::newRow("add first child") << "child" << 3 << 0 << none;
+    QTest::newRow("add last child") << "child" << 2 << 0 << none;
+    QTest::newRow("add child, empty tree") << "child" << 0 << 0 << QList<int>{2, 3, 7};
+    QTest::newRow("delete, both siblings") << "delete" << 3 << 0 << none;
+    QTest::newRow("delete, last top-level") << "delete" << 7 << 0 << none;
+    QTest::newRow("delete, first top-level") << "delete" << 2 << 0 << none;
+    QTest::newRow("delete, only top-level") << "delete" << 2 << 0 << QList<int>{3, 7};
+    QTest::newRow("delete, first child") << "delete" << 4 << 0 << none;
+    QTest::newRow("delete, last child") << "delete" << 5 << 0 << none;
+    QTest::newRow("delete, only child") << "delete" << 6 << 0 << none;
+    QTest::newRow("move child ahead of top-level") << "move" << 4 << 3 << none;
+    QTest::newRow("move ahead of first top-level") << "move" << 3 << 2 << none;
+    QTest::newRow("move last top-level to grandchild") << "move" << 7 << 6 << none;
+    QTest::newRow("move last child ahead of first") << "move" << 5 << 4 << none;
+    QTest::newRow("move only child ahead of a sibling") << "move" << 6 << 5 << none;
+    QTest::newRow("move first top-level, subtree") << "move" << 2 << 7 << none;
+    QTest::newRow("move ahead of own next") << "move" << 4 << 5 << none;
+}
+
+// The lines without the node rec and its subtree.
+static QStringList withoutSubtree(QStringList lines, int rec)
+{
+    const auto indent = [](const QString &l) { return l.size() - l.trimmed().size(); };
+    for (int i = 0; i < lines.size(); ++i) {
+        if (lines[i].trimmed().toInt() != rec)
+            continue;
+        const int at = indent(lines[i]);
+        lines.removeAt(i);
+        while (i < lines.size() && indent(lines[i]) > at)
+            lines.removeAt(i);
+        break;
+    }
+    return lines;
+}
+
 class TstTreeOps : public QObject {
     Q_OBJECT
 private slots:
@@ -169,6 +248,14 @@ private slots:
         QFETCH(QStringList, lines);
         DbFixture fx;
         const QString p = buildSmallTree(fx);
+        // What the tree shows but the file does not hold: a title past 40
+        // bytes and a state changed while an operation ran.
+        fx.select(5);
+        RenameNode(fx.db, QString(25, QChar(0x4EA7)));
+        fx.db.TreeBusy = true;
+        SetExpanded(fx.db, NodeKeyText(6), false);
+        fx.db.TreeBusy = false;
+        SetExpanded(fx.db, NodeKeyText(2), false);
         const DbRecord moving = recordAt(p, cut);
         const QByteArray child6 = EncodeRecord(recordAt(p, 6));
         fx.select(cut);
@@ -188,6 +275,11 @@ private slots:
             QCOMPARE(EncodeRecord(recordAt(p, 6)), child6);
         QVERIFY(fx.prompter.shown.isEmpty());
         expectTree(fx, p, lines);
+        // The tree is rebuilt from the file: titles, expanded states and
+        // colours as stored, and no selection.
+        QCOMPARE(treeLines(fx.db.tree, true), loadedLines(p, true));
+        QVERIFY(fx.db.tree.Selected.isEmpty());
+        QVERIFY(TreeMouseUp(fx.db));
     }
 
     // Edits that need a node and have none, and moves into the node's own
@@ -260,6 +352,161 @@ private slots:
         LoadDb(fx.db, p);
         QVERIFY(NodeExpanded(FindNode(fx.db.tree, NodeKeyText(4))));
         QVERIFY(fx.prompter.shown.isEmpty());
+    }
+
+    // A power cut after any write of any edit leaves a file that opens as a
+    // sound database (stamped, twinned, editable) with the tree its chains
+    // give: the one before the edit, the one after, or for a move the one
+    // without the moved subtree. Edits next to the links it left stale work.
+    void interrupted_data() { editRows(); }
+    void interrupted()
+    {
+        QFETCH(QString, op);
+        QFETCH(int, a);
+        QFETCH(int, b);
+        QFETCH(QList<int>, prep);
+        DbFixture fx;
+        const QString p = buildEditTree(fx, prep);
+        const QStringList before = treeLines(fx.db.tree);
+        QList<QByteArray> cuts;
+        fx.db.faults.afterPut = [&] { cuts << fileBytes(p); };
+        QCOMPARE(runEdit(fx, op, a, b), 0);
+        fx.db.faults = DbFaults();
+        const QList<QStringList> allowed{before, withoutSubtree(before, op == "move" ? a : 0),
+                                         loadedLines(p)};
+        QCOMPARE(cuts.last(), fileBytes(p));
+        QStringList shown;
+        for (int k = 0; k < cuts.size(); ++k) {
+            const QString q = fx.path(QStringLiteral("Cut%1.MPK").arg(k));
+            writeBytes(q, cuts[k]);
+            fx.restart();
+            fx.clock = fx.clock.addSecs(60);
+            GuardedOpen(fx.db, q, "x", "y");
+            shown = treeLines(fx.db.tree);
+            QVERIFY2(allowed.contains(shown), qPrintable(QStringLiteral("after write %1: ").arg(k + 1) + shown.join('|')));
+            QVERIFY(TreeMouseUp(fx.db));
+            QCOMPARE(UnpackField(OpenedText(recordAt(q, 1)), QString(), 200), StampText(fx.clock));
+            QCOMPARE(fileBytes(TwinPath(q)), fileBytes(q));
+            QCOMPARE(CheckDb(q), QStringList());
+
+            for (const QString &line : shown) {
+                fx.select(line.trimmed().toInt());
+                QCOMPARE(InsertBefore(fx.db), 0);
+            }
+            QCOMPARE(runEdit(fx, "child", 0, 0), 0);
+            for (const QString &line : shown) {
+                if (FindNode(fx.db.tree, NodeKeyText(line.trimmed().toInt()))) {
+                    fx.select(line.trimmed().toInt());
+                    QCOMPARE(DeleteNode(fx.db), 0);
+                }
+            }
+            QCOMPARE(CheckDb(q), QStringList());
+            QCOMPARE(treeLines(fx.db.tree), loadedLines(q));
+            fx.prompter.shown.removeAll("提示|" + kMsgEmptyDb);
+            QCOMPARE(fx.prompter.shown, QStringList());
+        }
+        QCOMPARE(shown, allowed.last());
+    }
+
+    // A write that fails (a full disk part way through a new record, or any
+    // record breaking off halfway) is undone: the file as it was, the tree as
+    // it was, a message, and the database still editable.
+    void failedWrite_data() { editRows(); }
+    void failedWrite()
+    {
+        QFETCH(QString, op);
+        QFETCH(int, a);
+        QFETCH(int, b);
+        QFETCH(QList<int>, prep);
+        DbFixture fx;
+        const QString p = buildEditTree(fx, prep);
+        const QByteArray bytes = fileBytes(p);
+        const QStringList before = treeLines(fx.db.tree);
+        const bool grows = op != "delete" && op != "move" && prep.isEmpty();
+        for (int k = grows ? 0 : 1;; ++k) {
+            fx.db.faults = DbFaults();
+            if (k == 0)
+                fx.db.faults.spaceLimit = bytes.size() + 1000;
+            fx.db.faults.failPut = k;
+            fx.prompter.shown.clear();
+            if (runEdit(fx, op, a, b) == 0)
+                break;
+            QCOMPARE(fx.prompter.shown.size(), 1);
+            QVERIFY2(fx.prompter.shown[0].startsWith("提示|" + kMsgWriteUndone), qPrintable(fx.prompter.shown[0]));
+            QVERIFY(fx.prompter.shown[0].contains(k == 0 ? "磁盘已满" : "写入中断"));
+            QCOMPARE(fileBytes(p), bytes);
+            QCOMPARE(treeLines(fx.db.tree), before);
+            QVERIFY(TreeMouseUp(fx.db));
+        }
+        QVERIFY(fx.prompter.shown.isEmpty());
+        expectTree(fx, p, treeLines(fx.db.tree));
+    }
+
+    // The level the loader stops at: nothing may go below it. The edit is
+    // refused with a message, and the file stays sound.
+    void depthLimit()
+    {
+        DbFixture fx;
+        const QString p = fx.fresh();
+        writeChain(p, kMaxTreeDepth);
+        GuardedOpen(fx.db, p, "x", "y");
+        QVERIFY(TreeMouseUp(fx.db));
+        QCOMPARE(NodeCount(fx.db.tree), kMaxTreeDepth);
+        const int deepest = kMaxTreeDepth + 1;
+        const QByteArray bytes = fileBytes(p);
+        const QString tooDeep = "提示|" + kMsgTooDeep.arg(kMaxTreeDepth);
+        QCOMPARE(fx.addChildOf(deepest), 1);
+        QCOMPARE(fx.prompter.shown, QStringList{tooDeep});
+        QCOMPARE(fileBytes(p), bytes);
+        QCOMPARE(fx.addChildOf(deepest - 1), 0);   // 1002, as deep as the deepest
+        // A top-level item with a child does not fit ahead of the deepest; the child alone does.
+        QCOMPARE(fx.addTop(), 0);
+        QCOMPARE(fx.addChildOf(1003), 0);
+        QCOMPARE(runEdit(fx, "move", 1003, deepest), 1);
+        QCOMPARE(fx.prompter.shown, QStringList(2, tooDeep));
+        QCOMPARE(runEdit(fx, "move", 1004, deepest), 0);
+        QCOMPARE(fx.prompter.shown.size(), 2);
+        QCOMPARE(CheckDb(p), QStringList());
+        QCOMPARE(NodeCount(fx.db.tree), kMaxTreeDepth + 3);
+    }
+
+    // A key spelled another way by another program still leads to its record:
+    // the file opens sound, and what is written under it carries the key in
+    // the one form this program writes.
+    void keySpelling_data()
+    {
+        QTest::addColumn<QString>("spelling");
+        for (const char *s : {" 2KEY", "2key", "2 Key", " 02key", " 2.0key"})
+            QTest::newRow(s) << QString::fromLatin1(s);
+    }
+    void keySpelling()
+    {
+        QFETCH(QString, spelling);
+        DbFixture fx;
+        const QString p = buildEditTree(fx, {});
+        DbRecord r = recordAt(p, 2);
+        r.NodeKey = PadFixedText(spelling);
+        putRecordAt(p, 2, r);
+        for (int n : {4, 5}) {
+            r = recordAt(p, n);
+            r.ParentKey = PadFixedText(spelling);
+            putRecordAt(p, n, r);
+        }
+        GuardedOpen(fx.db, p, "x", "y");
+        QVERIFY(TreeMouseUp(fx.db));
+        QStringList notes;
+        QCOMPARE(CheckDb(p, &notes), QStringList());
+        QCOMPARE(notes, QStringList());
+
+        QCOMPARE(fx.addChildOf(2), 0);                // 8, behind 5
+        QCOMPARE(runEdit(fx, "insert", 4, 0), 0);     // 9
+        QCOMPARE(runEdit(fx, "move", 3, 5), 0);
+        for (int n : {8, 9, 3})
+            QCOMPARE(recordAt(p, n).ParentKey, PadFixedText(NodeKeyText(2)));
+        QVERIFY(fx.prompter.shown.isEmpty());
+        GuardedOpen(fx.db, p, "x", "y");
+        QVERIFY(TreeMouseUp(fx.db));
+        expectTree(fx, p, {"2", "  9", "  4", "    6", "  3", "  5", "  8", "7"});
     }
 
     void menuStates()
