@@ -1,20 +1,44 @@
 #include "dbfile.h"
 
+#include "fileguard.h"
 #include "frame.h"
 
+#include <QFileInfo>
+
 namespace pyro {
+
+namespace {
+
+void beginUndo(DbFile &f)
+{
+    f.puts = 0;
+    f.undo.clear();
+    f.startLength = f.length;
+}
+
+} // namespace
 
 bool OpenDbFile(DbFile &f, const QString &path, DbMode mode)
 {
     f.error.clear();
-    f.puts = 0;
     f.file.setFileName(path);
-    const QIODevice::OpenMode m = mode == DbMode::Read ? QIODevice::ReadOnly : QIODevice::ReadWrite;
+    if (mode == DbMode::Read || QFileInfo::exists(path)) {
+        QString why;
+        if (!CheckRegularFile(path, qint64(kMaxRecords + 1) * kRecordSize, &why)) {
+            f.error = why;
+            return false;
+        }
+    }
+    // Unbuffered: a write that fails on a full disk must not stay behind in a
+    // buffer and land at close, after the operation has been undone.
+    const QIODevice::OpenMode m = (mode == DbMode::Read ? QIODevice::ReadOnly : QIODevice::ReadWrite)
+        | QIODevice::Unbuffered;
     if (!f.file.open(m)) {
         f.error = QStringLiteral("无法打开文件 %1：%2").arg(path, f.file.errorString());
         return false;
     }
     f.length = f.file.size();
+    beginUndo(f);
     return true;
 }
 
@@ -32,6 +56,19 @@ int32_t RecordCount(const DbFile &f)
 bool WholeRecords(const DbFile &f)
 {
     return f.length % kRecordSize == 0;
+}
+
+bool CutPartialTail(DbFile &f)
+{
+    if (!WholeRecords(f)) {
+        if (!f.file.resize(f.length - f.length % kRecordSize)) {
+            f.error = QStringLiteral("无法去掉文件末尾不完整的记录：%1").arg(f.file.errorString());
+            return false;
+        }
+        f.length = f.file.size();
+    }
+    beginUndo(f);
+    return true;
 }
 
 bool GetRec(DbFile &f, int32_t n, DbRecord &r)
@@ -62,14 +99,37 @@ bool PutRec(DbFile &f, int32_t n, const DbRecord &r)
         f.error = QStringLiteral("记录号 %1 不能写入（文件共 %2 个记录）").arg(n).arg(RecordCount(f));
         return false;
     }
+    const qint64 at = qint64(n - 1) * kRecordSize;
+    if (n <= count) {
+        QByteArray old;
+        if (f.file.seek(at))
+            old = f.file.read(kRecordSize);
+        if (old.size() != kRecordSize) {
+            f.error = QStringLiteral("读记录 %1 失败：%2").arg(n).arg(f.file.errorString());
+            return false;
+        }
+        f.undo.append({n, old});
+    }
     const QByteArray b = EncodeRecord(r);
-    if (!f.file.seek(qint64(n - 1) * kRecordSize) || f.file.write(b) != b.size() || !f.file.flush()) {
-        f.error = QStringLiteral("写记录 %1 失败，该记录可能只写了一部分：%2").arg(n).arg(f.file.errorString());
-        f.length = f.file.size();
+    qint64 room = b.size();
+    QString why;
+    if (f.faults && f.faults->spaceLimit >= 0 && at + room > f.faults->spaceLimit) {
+        room = std::max<qint64>(f.faults->spaceLimit - at, 0);
+        why = QStringLiteral("磁盘已满");
+    }
+    if (f.faults && f.faults->failPut == f.puts + 1) {
+        room = b.size() / 2;
+        why = QStringLiteral("写入中断");
+    }
+    const bool ok = f.file.seek(at) && f.file.write(b.constData(), room) == room && why.isEmpty();
+    f.length = f.file.size();
+    if (!ok) {
+        f.error = QStringLiteral("写记录 %1 失败：%2").arg(n).arg(why.isEmpty() ? f.file.errorString() : why);
         return false;
     }
-    f.length = std::max(f.length, qint64(n) * kRecordSize);
     ++f.puts;
+    if (f.faults && f.faults->afterPut)
+        f.faults->afterPut();
     return true;
 }
 
@@ -85,11 +145,28 @@ bool GetItem(DbFile &f, int32_t n, DbRecord &r)
         f.error = QStringLiteral("链接指向空闲记录 %1").arg(n);
         return false;
     }
-    if (r.SelfRec != n) {
-        f.error = QStringLiteral("记录 %1 的 SelfRec 是 %2").arg(n).arg(r.SelfRec);
-        return false;
-    }
     return true;
+}
+
+bool PutItem(DbFile &f, int32_t n, DbRecord &r)
+{
+    r.SelfRec = n;
+    r.NodeKey = PadFixedText(NodeKeyText(n));
+    return PutRec(f, n, r);
+}
+
+bool RollBack(DbFile &f)
+{
+    bool ok = true;
+    for (auto it = f.undo.crbegin(); it != f.undo.crend(); ++it)
+        ok = f.file.seek(qint64(it->first - 1) * kRecordSize)
+            && f.file.write(it->second) == it->second.size() && ok;
+    if (f.file.size() != f.startLength)
+        ok = f.file.resize(f.startLength) && ok;
+    f.length = f.file.size();
+    if (ok)
+        beginUndo(f);
+    return ok;
 }
 
 int32_t FindFreeRec(DbFile &f)
@@ -130,7 +207,7 @@ int32_t LastSibling(DbFile &f, int32_t n)
         if (!GetItem(f, n, r))
             return 0;
         if (r.NextRec == 0)
-            return r.SelfRec;
+            return n;
         n = r.NextRec;
     }
     f.error = QStringLiteral("记录 %1 所在的兄弟链是一个环").arg(n);

@@ -68,6 +68,7 @@ void CreateDb(ProjectDb &db, const QString &path)
     ClearTree(db.tree);
     db.TreePath.clear();
     DbFile f;
+    f.faults = &db.faults;
     if (!OpenDbFile(f, path, DbMode::ReadWrite)) {
         Report(db, kMsgIoFailed + f.error);
         return;
@@ -84,23 +85,30 @@ void CreateDb(ProjectDb &db, const QString &path)
 
 void WalkChains(DbFile &f, int32_t start,
                 const std::function<void(const DbRecord &, int32_t, int)> &visit,
-                QStringList &problems)
+                QStringList &problems, QStringList *notes)
 {
     // Depth first without recursion: a damaged file can nest as deep as it is
     // long. Each record is shown once at most, so a loop ends at its first repeat.
+    // Only the forward links (FirstRec, ChildRec, NextRec) make the tree; what
+    // they reach must be whole items, once each. The back links and the keys
+    // are only noted: an interrupted edit leaves PrevRec behind, and no edit
+    // reads them to find its way.
     struct Step {
         int32_t rec;
         int32_t parent;        // -1 at the top level
         int32_t prev;          // -1 for the first of a chain
         int depth;
-        QString parentKey;     // blanks at the top level
     };
     const int32_t count = RecordCount(f);
     std::vector<char> seen(size_t(std::max(count, 0)) + 1, 0);
     QList<Step> todo;
     if (start != 0)
-        todo.append({start, -1, -1, 0, QString(rec::FixedWidth, ' ')});
+        todo.append({start, -1, -1, 0});
     DbRecord r;
+    const auto note = [&](const QString &text) {
+        if (notes)
+            *notes << text;
+    };
     while (!todo.isEmpty()) {
         const Step s = todo.takeLast();
         const QString from = s.prev > 0 ? QStringLiteral("记录 %1 的 NextRec").arg(s.prev)
@@ -115,26 +123,26 @@ void WalkChains(DbFile &f, int32_t start,
             continue;
         }
         seen[size_t(s.rec)] = 1;
-        const QString storedKey = ReadFixedText(r.NodeKey);
-        if (KeyToRec(storedKey) != s.rec) {
-            problems << QStringLiteral("记录 %1 的 NodeKey \"%2\" 不指向它自己").arg(s.rec).arg(storedKey.trimmed());
-            if (r.NextRec != 0)
-                todo.append({r.NextRec, s.parent, s.rec, s.depth, s.parentKey});
-            continue;
-        }
-        if ((s.parent < 0 ? r.ParentRec >= 1 : r.ParentRec != s.parent))
-            problems << QStringLiteral("记录 %1 的 ParentRec 是 %2，应为 %3").arg(s.rec).arg(r.ParentRec).arg(s.parent);
+        if (r.SelfRec != s.rec)
+            note(QStringLiteral("记录 %1 的 SelfRec 是 %2").arg(s.rec).arg(r.SelfRec));
+        // Any spelling that leads back to the record is its key.
+        if (KeyToRec(ReadFixedText(r.NodeKey)) != s.rec)
+            note(QStringLiteral("记录 %1 的 NodeKey 不指向它自己").arg(s.rec));
+        const QString parentKey = ReadFixedText(r.ParentKey);
+        if (s.parent < 0 ? !StripPadding(parentKey).isEmpty() : KeyToRec(parentKey) != s.parent)
+            note(QStringLiteral("记录 %1 的 ParentKey 与父节点不符").arg(s.rec));
+        if (s.parent < 0 ? r.ParentRec >= 1 : r.ParentRec != s.parent)
+            note(QStringLiteral("记录 %1 的 ParentRec 是 %2，应为 %3").arg(s.rec).arg(r.ParentRec).arg(s.parent));
         if (r.PrevRec != s.prev)
-            problems << QStringLiteral("记录 %1 的 PrevRec 是 %2，应为 %3").arg(s.rec).arg(r.PrevRec).arg(s.prev);
-        if (StripPadding(ReadFixedText(r.ParentKey)) != StripPadding(s.parentKey))
-            problems << QStringLiteral("记录 %1 的 ParentKey 与父节点的 NodeKey 不同").arg(s.rec);
+            note(QStringLiteral("记录 %1 的 PrevRec 是 %2，应为 %3").arg(s.rec).arg(r.PrevRec).arg(s.prev));
+        r.SelfRec = s.rec;
         visit(r, s.parent, s.depth);
         if (r.NextRec != 0)
-            todo.append({r.NextRec, s.parent, s.rec, s.depth, s.parentKey});
+            todo.append({r.NextRec, s.parent, s.rec, s.depth});
         if (r.ChildRec != 0 && s.depth + 1 >= kMaxTreeDepth)
             problems << QStringLiteral("记录 %1 的子节点超过 %2 层，没有显示").arg(s.rec).arg(kMaxTreeDepth);
         else if (r.ChildRec != 0)
-            todo.append({r.ChildRec, s.rec, -1, s.depth + 1, NodeKeyText(s.rec)});
+            todo.append({r.ChildRec, s.rec, -1, s.depth + 1});
     }
 }
 
@@ -149,7 +157,25 @@ void LoadChain(ProjectDb &db, DbFile &f, int32_t start, QStringList &problems)
     }, problems);
 }
 
-int16_t LoadDb(ProjectDb &db, const QString &path)
+namespace {
+
+// Problems of the header itself. A header marked free would be handed out by
+// the free-record search as the place of a new item, and overwritten.
+void checkHeader(const DbRecord &h, QStringList &problems)
+{
+    if (h.Used == 0)
+        problems << QStringLiteral("文件头（记录 1）的 Used 是 0");
+}
+
+// A cut-off last record is what a full disk or a power cut leaves of a new
+// record; no link names it while the chains are sound, so it is dropped at
+// the next write.
+QString tailNote(const DbFile &f)
+{
+    return QStringLiteral("文件末尾有 %1 字节不完整的记录，下次写入时去掉").arg(f.length % kRecordSize);
+}
+
+int16_t loadInto(ProjectDb &db, const QString &path)
 {
     ClearTree(db.tree);
     db.TreePath = path;
@@ -173,9 +199,7 @@ int16_t LoadDb(ProjectDb &db, const QString &path)
         return 1;
     }
     QStringList problems;
-    if (!WholeRecords(f))
-        problems << QStringLiteral("文件长度 %1 不是 %2 的整数倍，最后一个记录不完整")
-                        .arg(f.length).arg(kRecordSize);
+    checkHeader(db.HeaderRecord, problems);
     const int32_t first = FirstRec(db.HeaderRecord);
     if (first > 0)
         LoadChain(db, f, first, problems);
@@ -189,11 +213,40 @@ int16_t LoadDb(ProjectDb &db, const QString &path)
     return 0;
 }
 
+} // namespace
+
+bool SameFile(const QString &a, const QString &b)
+{
+    if (a.isEmpty() || b.isEmpty())
+        return false;
+    if (a == b)
+        return true;
+    const QFileInfo fa(a), fb(b);
+    const QString ca = fa.canonicalFilePath();
+    return ca.isEmpty() ? fa.absoluteFilePath() == fb.absoluteFilePath() : ca == fb.canonicalFilePath();
+}
+
+int16_t LoadDb(ProjectDb &db, const QString &path)
+{
+    const int16_t rc = loadInto(db, path);
+    // Damage found in the current database ends it as one: no edit goes to
+    // it until an open finds it sound again.
+    if (rc != 0 && SameFile(path, db.CurrentPath))
+        db.CurrentPath.clear();
+    return rc;
+}
+
 int TouchDb(ProjectDb &db, const QString &path)
 {
     DbFile f;
+    f.faults = &db.faults;
     if (!OpenDbFile(f, path, DbMode::ReadWrite)) {
         Report(db, kMsgIoFailed + f.error);
+        return 1;
+    }
+    if (!CutPartialTail(f)) {
+        Report(db, kMsgWriteBroken + f.error);
+        CloseDbFile(f);
         return 1;
     }
     if (f.length == 0) {
@@ -259,7 +312,7 @@ int RefreshTwin(ProjectDb &db, const QString &path)
     return 0;
 }
 
-QStringList CheckDb(const QString &path)
+QStringList CheckDb(const QString &path, QStringList *notes)
 {
     QStringList problems;
     DbFile f;
@@ -273,18 +326,20 @@ QStringList CheckDb(const QString &path)
         return {QStringLiteral("文件只有 %1 字节，没有完整的文件头").arg(f.length)};
     if (!AuthorLineMatches(h))
         return {QStringLiteral("文件头的 AuthorLine 不对：不是项目数据库")};
+    checkHeader(h, problems);
+    QStringList found;
     if (!WholeRecords(f))
-        problems << QStringLiteral("文件长度 %1 不是 %2 的整数倍，最后一个记录不完整")
-                        .arg(f.length).arg(kRecordSize);
-    if (h.Used != 1 || h.SelfRec != 1)
-        problems << QStringLiteral("文件头的 Used 是 %1，SelfRec 是 %2").arg(h.Used).arg(h.SelfRec);
+        found << tailNote(f);
+    if (h.SelfRec != 1)
+        found << QStringLiteral("文件头的 SelfRec 是 %1").arg(h.SelfRec);
     const int32_t count = int32_t(f.length / kRecordSize);
     std::vector<char> reached(size_t(count) + 1, 0);
     if (FirstRec(h) > 0)
         WalkChains(f, FirstRec(h), [&](const DbRecord &r, int32_t, int) {
             reached[size_t(r.SelfRec)] = 1;
-        }, problems);
+        }, problems, &found);
     // Records in use that no chain reaches: what an interrupted edit leaves.
+    // They are lost to the tree and never handed out again, but harm nothing.
     DbRecord r;
     for (int32_t n = 2; n <= count; ++n) {
         if (!GetRec(f, n, r)) {
@@ -292,9 +347,11 @@ QStringList CheckDb(const QString &path)
             break;
         }
         if (r.Used != 0 && !reached[size_t(n)])
-            problems << QStringLiteral("记录 %1 标为使用中，但没有链接到树上").arg(n);
+            found << QStringLiteral("记录 %1 标为使用中，但没有链接到树上").arg(n);
     }
     CloseDbFile(f);
+    if (notes)
+        *notes = found;
     return problems;
 }
 

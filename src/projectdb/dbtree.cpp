@@ -77,29 +77,6 @@ void RemoveNode(DbTree &t, const QString &key)
     parent->removeRow(node->row());
 }
 
-std::unique_ptr<QStandardItem> TakeNode(DbTree &t, const QString &key)
-{
-    QStandardItem *node = FindNode(t, key);
-    if (!node)
-        return {};
-    QStandardItem *parent = node->parent() ? node->parent() : t.model->invisibleRootItem();
-    const QList<QStandardItem *> row = parent->takeRow(node->row());
-    return std::unique_ptr<QStandardItem>(row.value(0));
-}
-
-bool PutNodeBefore(DbTree &t, std::unique_ptr<QStandardItem> node, const QString &beforeKey)
-{
-    QStandardItem *before = FindNode(t, beforeKey);
-    if (!node || !before) {
-        if (node)
-            forgetSubtree(t, node.get());
-        return false;
-    }
-    QStandardItem *parent = before->parent() ? before->parent() : t.model->invisibleRootItem();
-    parent->insertRow(before->row(), node.release());
-    return true;
-}
-
 void SetNodeExpanded(QStandardItem *node, bool expanded)
 {
     if (node)

@@ -33,13 +33,6 @@ QStandardItem *AddNode(DbTree &t, const QString &parentKey, const QString &key,
 // Removes the node and its subtree; clears selection and edit marks inside it.
 void RemoveNode(DbTree &t, const QString &key);
 
-// Takes the node with its subtree out of the tree, keys kept, to be put back
-// with PutNodeBefore; a move without rebuilding the tree.
-std::unique_ptr<QStandardItem> TakeNode(DbTree &t, const QString &key);
-// Puts a taken node directly ahead of beforeKey; false (node dropped, its
-// keys forgotten) if that node is not in the tree.
-bool PutNodeBefore(DbTree &t, std::unique_ptr<QStandardItem> node, const QString &beforeKey);
-
 void SetNodeExpanded(QStandardItem *node, bool expanded);
 bool NodeExpanded(const QStandardItem *node);
 // A colour value as the database stores it: red in the low byte, blue in the third.

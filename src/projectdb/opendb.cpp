@@ -21,6 +21,10 @@ void GuardedOpen(ProjectDb &db, const QString &path, const QString &text, const 
 {
     db.DbPath = path;
     db.LoginPassed = false;
+    // Every open of the current database decides afresh whether it may be
+    // written: one that is refused or found damaged is not written again.
+    if (SameFile(path, db.CurrentPath))
+        db.CurrentPath.clear();
     {
         DbFile f;
         if (!OpenDbFile(f, path, DbMode::Read)) {

@@ -23,8 +23,10 @@ inline const QString kTreeToolTip = QStringLiteral("右键选择功能操作");
 // Messages of this implementation for what the format leaves unreported.
 inline const QString kMsgDamaged = QStringLiteral("数据库文件已损坏，只显示了完好的部分：");
 inline const QString kMsgIoFailed = QStringLiteral("数据库文件读写失败：");
-inline const QString kMsgOpStopped = QStringLiteral("数据库文件已损坏，操作没有执行：");
+inline const QString kMsgOpStopped = QStringLiteral("数据库操作没有执行：");
 inline const QString kMsgWriteBroken = QStringLiteral("数据库写入中断，文件可能只改了一半：");
+inline const QString kMsgWriteUndone = QStringLiteral("数据库写入失败，操作没有执行，文件保持原样：");
+inline const QString kMsgTooDeep = QStringLiteral("节点层数不能超过 %1 层，操作没有执行！");
 inline const QString kMsgMoveIntoSelf = QStringLiteral("不能把节点移到它自己或它的子节点前面！");
 
 struct MenuItemState {
@@ -67,6 +69,8 @@ struct ProjectDb {
     // Record number of the node marked by MNodeCut; -1 = none. A move keeps
     // the record number, so it stays a valid reference across edits.
     int32_t CutIndex = -1;
+    // A full disk and power cuts, for tests; nothing in the program sets them.
+    DbFaults faults;
 
     Prompter *prompter = nullptr;
     View *view = nullptr;
@@ -82,7 +86,8 @@ void AttachDb(ProjectDb &db, Link &l);
 DbRecord NewHeader(const QDateTime &when);
 void CreateDb(ProjectDb &db, const QString &path);
 // 0 loaded or empty, 1 type mismatch, 2 damaged (the sound part is shown),
-// 3 the file could not be read.
+// 3 the file could not be read. Anything but 0 for the current database ends
+// it as the current one.
 int16_t LoadDb(ProjectDb &db, const QString &path);
 // Fills the tree from a chain; problems found on the way are appended.
 void LoadChain(ProjectDb &db, DbFile &f, int32_t start, QStringList &problems);
@@ -90,6 +95,8 @@ void LoadChain(ProjectDb &db, DbFile &f, int32_t start, QStringList &problems);
 int TouchDb(ProjectDb &db, const QString &path);
 int RefreshTwin(ProjectDb &db, const QString &path);
 QString TwinPath(const QString &path);
+// True when both names lead to one file.
+bool SameFile(const QString &a, const QString &b);
 
 // Levels of the tree that a load shows. The tree model checks every node
 // against its whole line of parents, so a file nested thousands deep (only a
@@ -99,14 +106,18 @@ constexpr int kMaxTreeDepth = 1000;
 
 // Walks every chain from start depth first, children before the next
 // sibling, and calls visit(record, parent record or -1, depth) for each
-// record that can be shown. Each problem found goes to problems; nothing
-// loops, nothing reads outside the file.
+// record that can be shown, with SelfRec set to the number it was reached by.
+// Damage that hurts goes to problems: a link out of the file or to a cut-off
+// record, a chain through a free record, a record reached twice (a loop), a
+// tree deeper than kMaxTreeDepth. Back links and keys that disagree with the
+// chains go to notes. Nothing loops, nothing reads outside the file.
 void WalkChains(DbFile &f, int32_t start,
                 const std::function<void(const DbRecord &, int32_t, int)> &visit,
-                QStringList &problems);
-// Every problem of a file: header, length, chains, records in use that no
-// chain reaches. Empty for a sound file.
-QStringList CheckDb(const QString &path);
+                QStringList &problems, QStringList *notes = nullptr);
+// The problems of a file, as the loader finds them; empty for a sound file.
+// notes gets what is harmless: stale back links, keys, records in use that no
+// chain reaches, a cut-off last record that no link names.
+QStringList CheckDb(const QString &path, QStringList *notes = nullptr);
 
 // --- tree operations -----------------------------------------------------------
 
@@ -120,9 +131,8 @@ void MarkCutNode(ProjectDb &db);
 // MnodePast: the frame around MoveCutNode.
 int PasteCutNode(ProjectDb &db);
 int MoveCutNode(ProjectDb &db);
-// Takes the marked node out of the file and the tree. With taken the tree
-// node is handed over instead of dropped, to be put back by the move.
-int UnlinkNode(ProjectDb &db, DbFile &f, std::unique_ptr<QStandardItem> *taken = nullptr);
+// Takes the marked node out of the file and the tree.
+int UnlinkNode(ProjectDb &db, DbFile &f);
 void BeginRename(ProjectDb &db);
 int RenameNode(ProjectDb &db, const QString &text);
 int SetExpanded(ProjectDb &db, const QString &key, bool expanded);

@@ -1,7 +1,15 @@
 // The edit popup of the project tree: every operation changes the file first,
-// record by record in a fixed order, and the tree after it. All reads an
-// operation needs are done before its first write, so a damaged link stops
-// it before anything has changed.
+// record by record in a fixed order, and the tree after it.
+//
+// An operation finds its way by the tree: the previous sibling, the next one
+// and the parent of a node are the tree's, and the tree is what the chain walk
+// of the last load gave, kept in step by every edit. The records an operation
+// will write are read and checked against the tree before its first write, so
+// a file changed behind the program's back stops the edit unwritten. The back
+// links PrevRec and ParentRec are written as the write orders say but never
+// followed: an interrupted edit leaves them stale, and the file must stay
+// editable. A write that fails is undone, so a full disk leaves the file as it
+// was.
 #include "dbinternal.h"
 
 #include <QList>
@@ -13,6 +21,98 @@ namespace {
 
 const QString kMsgNoDb = QStringLiteral("没有打开数据库！");
 
+int32_t recOf(const QStandardItem *n)
+{
+    return n ? KeyToRec(NodeKey(n)) : 0;
+}
+
+QStandardItem *childrenOf(const DbTree &t, QStandardItem *n)
+{
+    return n ? n : t.model->invisibleRootItem();
+}
+
+// Levels above a node: 0 at the top level.
+int depthOf(const QStandardItem *n)
+{
+    int d = 0;
+    for (const QStandardItem *up = n->parent(); up; up = up->parent())
+        ++d;
+    return d;
+}
+
+// Levels below a node: 0 for a node without children.
+int heightOf(QStandardItem *n)
+{
+    int height = 0;
+    QList<QPair<QStandardItem *, int>> todo{{n, 0}};
+    while (!todo.isEmpty()) {
+        const auto [item, d] = todo.takeLast();
+        height = std::max(height, d);
+        for (int i = 0; i < item->rowCount(); ++i)
+            todo.append({item->child(i), d + 1});
+    }
+    return height;
+}
+
+QByteArray parentKeyField(int32_t parent)
+{
+    return parent > 0 ? PadFixedText(NodeKeyText(parent)) : QByteArray(rec::FixedWidth, ' ');
+}
+
+// Where a node stands, by record number (0 = none), as the tree shows it.
+struct Place {
+    int32_t self = 0, prev = 0, next = 0, parent = 0;
+};
+
+Place placeOf(const DbTree &t, QStandardItem *n)
+{
+    QStandardItem *up = childrenOf(t, n->parent());
+    const int row = n->row();
+    Place p;
+    p.self = recOf(n);
+    p.parent = recOf(n->parent());
+    p.prev = row > 0 ? recOf(up->child(row - 1)) : 0;
+    p.next = row + 1 < up->rowCount() ? recOf(up->child(row + 1)) : 0;
+    return p;
+}
+
+// The records around a place, as read from the file.
+struct Around {
+    DbRecord self, prev, next, parent;
+};
+
+bool differs(DbFile &f, int32_t rec)
+{
+    f.error = QStringLiteral("记录 %1 在文件中的链接与树上不同（文件在别处被改过）").arg(rec);
+    return false;
+}
+
+// Reads the records an edit at p needs and checks that the file links them as
+// the tree shows: p.self is named by its previous sibling, else its parent,
+// else the header, and names p.next as its next.
+bool readAround(ProjectDb &db, DbFile &f, const Place &p, Around &a, bool wantNext)
+{
+    if (!GetItem(f, p.self, a.self))
+        return false;
+    int32_t namedBy = 0;
+    if (p.prev) {
+        if (!GetItem(f, p.prev, a.prev))
+            return false;
+        namedBy = a.prev.NextRec;
+    } else if (p.parent) {
+        if (!GetItem(f, p.parent, a.parent))
+            return false;
+        namedBy = a.parent.ChildRec;
+    } else {
+        if (!GetRec(f, 1, db.HeaderRecord))
+            return false;
+        namedBy = FirstRec(db.HeaderRecord);
+    }
+    if (namedBy != p.self || a.self.NextRec != p.next)
+        return differs(f, p.self);
+    return !wantNext || !p.next || GetItem(f, p.next, a.next);
+}
+
 // Opens the current database for an edit and reads record 1 afresh.
 bool openForEdit(ProjectDb &db, DbFile &f)
 {
@@ -20,16 +120,14 @@ bool openForEdit(ProjectDb &db, DbFile &f)
         Report(db, kMsgNoDb);
         return false;
     }
+    f.faults = &db.faults;
     if (!OpenDbFile(f, db.CurrentPath, DbMode::ReadWrite)) {
         Report(db, kMsgIoFailed + f.error);
         return false;
     }
-    if (!WholeRecords(f) || f.length == 0) {
-        Report(db, kMsgOpStopped + QStringLiteral("文件长度 %1 不是 %2 的整数倍").arg(f.length).arg(kRecordSize));
-        CloseDbFile(f);
-        return false;
-    }
-    if (!GetRec(f, 1, db.HeaderRecord)) {
+    // A cut-off last record is what a full disk or a power cut left of a new
+    // record. The tree comes from a sound load, so no link names it.
+    if (!CutPartialTail(f) || !GetRec(f, 1, db.HeaderRecord)) {
         Report(db, kMsgIoFailed + f.error);
         CloseDbFile(f);
         return false;
@@ -37,16 +135,25 @@ bool openForEdit(ProjectDb &db, DbFile &f)
     return true;
 }
 
-// Ends an operation that stopped on f.error. Before any write the file is as
-// it was; after one, the tree is rebuilt so that it shows what the file holds.
-int failEdit(ProjectDb &db, DbFile &f)
+// Ends an operation that stopped on f.error. A write already made is undone;
+// if that fails too, or the file turned out not to be what the tree shows,
+// the tree is loaded afresh, which also ends a damaged file as the current one.
+int failEdit(ProjectDb &db, DbFile &f, bool treeChanged = false)
 {
-    const bool wrote = f.puts > 0;
-    Report(db, (wrote ? kMsgWriteBroken : kMsgOpStopped) + f.error);
+    bool reload = true;
+    if (f.undo.isEmpty() && f.length == f.startLength) {
+        Report(db, kMsgOpStopped + f.error);
+    } else if (RollBack(f)) {
+        Report(db, kMsgWriteUndone + f.error);
+        reload = treeChanged;
+    } else {
+        Report(db, kMsgWriteBroken + f.error);
+    }
     CloseDbFile(f);
-    if (wrote) {
+    if (reload) {
         const QString selected = db.tree.Selected;
-        LoadDb(db, db.CurrentPath);
+        const QString path = db.CurrentPath;
+        LoadDb(db, path);
         if (FindNode(db.tree, selected))
             db.tree.Selected = selected;
     }
@@ -81,14 +188,16 @@ void buildNewItem(ProjectDb &db, int32_t no, bool clearImage)
     w.Reserved3 = 0;
 }
 
-// The record number for a new item. A header marked free would be handed
-// out as record 1 and overwritten; that file is refused with a reason.
+// The record number for a new item, 0 with a reason when there is none. A
+// header marked free would be handed out as record 1 and overwritten.
 int32_t newRecNo(DbFile &f)
 {
     const int32_t no = FindFreeRec(f);
     if (no == 1)
         f.error = QStringLiteral("文件头（记录 1）的 Used 是 0");
-    return no;
+    else if (no > kMaxRecords)
+        f.error = QStringLiteral("数据库已有 %1 个记录，不能再添加").arg(kMaxRecords);
+    return no >= 2 && no <= kMaxRecords ? no : 0;
 }
 
 QString newTitle(const ProjectDb &db)
@@ -96,80 +205,102 @@ QString newTitle(const ProjectDb &db)
     return UnpackField(db.WorkRecord.Caption, db.LoginKey, kCaptionLimit);
 }
 
-// Items at the far ends of a record's links, got before anything is written.
-struct Neighbours {
-    DbRecord prev, next, parent;
-    bool hasPrev = false, hasNext = false, hasParent = false;
-};
-
-bool getNeighbours(DbFile &f, const DbRecord &s, Neighbours &n, bool wantNext)
+// Writes r as record no ahead of p.self, then mends the one link that named
+// p.self: the previous sibling's (before p.self), else the parent's first
+// child (after p.self), else FirstRec (after p.self). InsertBefore and
+// MoveCutNode write in this order, which fixes what an interrupted one leaves.
+bool linkAhead(ProjectDb &db, DbFile &f, int32_t no, DbRecord &r, const Place &p, Around &a)
 {
-    n.hasPrev = s.PrevRec > 0;
-    n.hasNext = wantNext && s.NextRec > 0;
-    n.hasParent = s.ParentRec >= 1;   // below 1 is the top level
-    if (n.hasPrev && !GetItem(f, s.PrevRec, n.prev))
+    r.ParentRec = p.parent ? p.parent : -1;
+    r.ParentKey = parentKeyField(p.parent);
+    r.PrevRec = p.prev ? p.prev : -1;
+    r.NextRec = p.self;
+    if (!PutItem(f, no, r))
         return false;
-    if (n.hasNext && !GetItem(f, s.NextRec, n.next))
-        return false;
-    if (n.hasParent && !GetItem(f, s.ParentRec, n.parent))
-        return false;
-    return true;
-}
-
-// Writes r as record no ahead of s, then mends the one link that pointed at
-// s: the previous sibling's (before s), else the parent's first child (after
-// s), else FirstRec (after s). InsertBefore and MoveCutNode write in this
-// order, which fixes what an interrupted one leaves.
-bool putAhead(ProjectDb &db, DbFile &f, int32_t no, DbRecord &r, DbRecord &s, Neighbours &n)
-{
-    r.PrevRec = n.hasPrev ? s.PrevRec : -1;
-    r.NextRec = s.SelfRec;
-    if (!PutRec(f, no, r))
-        return false;
-    s.PrevRec = no;
-    if (n.hasPrev) {
-        n.prev.NextRec = no;
-        return PutRec(f, n.prev.SelfRec, n.prev) && PutRec(f, s.SelfRec, s);
+    a.self.PrevRec = no;
+    if (p.prev) {
+        a.prev.NextRec = no;
+        return PutItem(f, p.prev, a.prev) && PutItem(f, p.self, a.self);
     }
-    if (n.hasParent) {
-        n.parent.ChildRec = no;
-        return PutRec(f, s.SelfRec, s) && PutRec(f, n.parent.SelfRec, n.parent);
+    if (p.parent) {
+        a.parent.ChildRec = no;
+        return PutItem(f, p.self, a.self) && PutItem(f, p.parent, a.parent);
     }
-    bool ok = PutRec(f, s.SelfRec, s) && GetRec(f, 1, db.HeaderRecord);
+    if (!PutItem(f, p.self, a.self) || !GetRec(f, 1, db.HeaderRecord))
+        return false;
     FirstRec(db.HeaderRecord) = no;
-    return ok && PutRec(f, 1, db.HeaderRecord);
+    return PutRec(f, 1, db.HeaderRecord);
 }
 
-// Takes s out of its sibling chain (DeleteNode and UnlinkNode alike).
-bool unlinkFromChain(ProjectDb &db, DbFile &f, const DbRecord &s, Neighbours &n)
+// Takes p.self out of its sibling chain (DeleteNode and UnlinkNode alike).
+bool unlinkChain(ProjectDb &db, DbFile &f, const Place &p, Around &a)
 {
-    if (n.hasPrev && n.hasNext) {
-        n.prev.NextRec = n.next.SelfRec;
-        n.next.PrevRec = n.prev.SelfRec;
-        return PutRec(f, n.prev.SelfRec, n.prev) && PutRec(f, n.next.SelfRec, n.next);
+    if (p.prev && p.next) {
+        a.prev.NextRec = p.next;
+        a.next.PrevRec = p.prev;
+        return PutItem(f, p.prev, a.prev) && PutItem(f, p.next, a.next);
     }
-    if (n.hasPrev) {
-        n.prev.NextRec = 0;
-        return PutRec(f, n.prev.SelfRec, n.prev);
+    if (p.prev) {
+        a.prev.NextRec = 0;
+        return PutItem(f, p.prev, a.prev);
     }
-    if (!n.hasParent) {
-        if (n.hasNext) {
-            n.next.PrevRec = -1;
-            if (!PutRec(f, n.next.SelfRec, n.next))
-                return false;
-        }
-        if (!GetRec(f, 1, db.HeaderRecord))
-            return false;
-        FirstRec(db.HeaderRecord) = n.hasNext ? s.NextRec : -1;
-        return PutRec(f, 1, db.HeaderRecord);
-    }
-    n.parent.ChildRec = n.hasNext ? s.NextRec : 0;
-    if (n.hasNext) {
-        n.next.PrevRec = -1;
-        if (!PutRec(f, n.next.SelfRec, n.next))
+    if (p.next) {
+        a.next.PrevRec = -1;
+        if (!PutItem(f, p.next, a.next))
             return false;
     }
-    return PutRec(f, n.parent.SelfRec, n.parent);
+    if (p.parent) {
+        a.parent.ChildRec = p.next;
+        return PutItem(f, p.parent, a.parent);
+    }
+    if (!GetRec(f, 1, db.HeaderRecord))
+        return false;
+    FirstRec(db.HeaderRecord) = p.next ? p.next : -1;
+    return PutRec(f, 1, db.HeaderRecord);
+}
+
+// Appends WorkRecord's new item as the last child of parent (nullptr: the top
+// level). The new record is written first and the one link that names it
+// last, so that an interrupted add leaves an unlinked record, never a link to
+// a record that is not there.
+bool appendLast(ProjectDb &db, DbFile &f, int32_t no, QStandardItem *parent)
+{
+    QStandardItem *up = childrenOf(db.tree, parent);
+    const int32_t parentNo = recOf(parent);
+    DbRecord &w = db.WorkRecord;
+    w.ParentRec = parentNo ? parentNo : -1;
+    w.ParentKey = parentKeyField(parentNo);
+    w.NextRec = 0;
+    w.PrevRec = -1;
+    DbRecord holder;   // the record whose link will name the new one
+    int32_t holderNo = 1;
+    if (up->rowCount() > 0) {
+        holderNo = recOf(up->child(up->rowCount() - 1));
+        if (!GetItem(f, holderNo, holder))
+            return false;
+        if (holder.NextRec != 0)
+            return differs(f, holderNo);
+        w.PrevRec = holderNo;
+        holder.NextRec = no;
+    } else if (parentNo) {
+        holderNo = parentNo;
+        if (!GetItem(f, holderNo, holder))
+            return false;
+        if (holder.ChildRec != 0)
+            return differs(f, holderNo);
+        holder.ChildRec = no;
+    } else {
+        if (FirstRec(db.HeaderRecord) > 0)
+            return differs(f, FirstRec(db.HeaderRecord));
+        holder = db.HeaderRecord;
+        FirstRec(holder) = no;
+    }
+    if (!PutItem(f, no, w))
+        return false;
+    if (holderNo > 1)
+        return PutItem(f, holderNo, holder);
+    db.HeaderRecord = holder;
+    return PutRec(f, 1, holder);
 }
 
 // Record numbers of a subtree in the order FreeSubtree frees them: for each
@@ -253,41 +384,6 @@ int editFrame(ProjectDb &db, Op op)
     return rc;
 }
 
-// Appends WorkRecord's new item at the end of the top-level chain.
-bool appendTopLevel(ProjectDb &db, DbFile &f, int32_t no, bool clearImage)
-{
-    const int32_t first = FirstRec(db.HeaderRecord);
-    buildNewItem(db, no, clearImage);
-    DbRecord &w = db.WorkRecord;
-    w.ParentRec = -1;
-    w.NextRec = 0;
-    w.ParentKey = QByteArray(rec::FixedWidth, ' ');
-    if (first > 0) {
-        const int32_t last = LastSibling(f, first);
-        DbRecord l;
-        if (last == 0 || !GetItem(f, last, l))
-            return false;
-        w.PrevRec = last;
-        if (!PutRec(f, no, w))
-            return false;
-        l.NextRec = no;
-        return PutRec(f, last, l);
-    }
-    w.PrevRec = -1;
-    if (!PutRec(f, no, w))
-        return false;
-    FirstRec(db.HeaderRecord) = no;
-    return PutRec(f, 1, db.HeaderRecord);
-}
-
-// A node taken out for a move that cannot be put back: the failure reloads
-// the tree, so its keys must not point into it any longer.
-void forgetTaken(ProjectDb &db, std::unique_ptr<QStandardItem> &taken)
-{
-    if (taken)
-        PutNodeBefore(db.tree, std::move(taken), QString());
-}
-
 } // namespace
 
 bool TreeEditable(const ProjectDb &db)
@@ -302,7 +398,10 @@ int AddTopLevel(ProjectDb &db)
         if (!openForEdit(db, f))
             return 1;
         const int32_t no = newRecNo(f);
-        if (no < 2 || !appendTopLevel(db, f, no, true))
+        if (!no)
+            return failEdit(db, f);
+        buildNewItem(db, no, true);
+        if (!appendLast(db, f, no, nullptr))
             return failEdit(db, f);
         AddNode(db.tree, QString(), NodeKeyText(no), newTitle(db));
         CloseDbFile(f);
@@ -313,68 +412,28 @@ int AddTopLevel(ProjectDb &db)
 int AddChild(ProjectDb &db)
 {
     return editFrame(db, [&] {
+        // With nothing selected the item goes to the top level: as the first
+        // item of an empty tree, or behind the others rather than cutting the
+        // top-level chain off by a new FirstRec.
+        QStandardItem *sel = selectedNode(db);
+        if (sel && depthOf(sel) + 1 >= kMaxTreeDepth) {
+            Report(db, kMsgTooDeep.arg(kMaxTreeDepth));
+            return 1;
+        }
         DbFile f;
         if (!openForEdit(db, f))
             return 1;
         const int32_t no = newRecNo(f);
-        if (no < 2)
+        if (!no)
             return failEdit(db, f);
-        QStandardItem *sel = selectedNode(db);
-        DbRecord &w = db.WorkRecord;
-        if (!sel) {
-            if (FirstRec(db.HeaderRecord) > 0) {
-                // Items exist but none is selected: append at the top level
-                // rather than cut the chain off by a new FirstRec.
-                if (!appendTopLevel(db, f, no, false))
-                    return failEdit(db, f);
-            } else {
-                FirstRec(db.HeaderRecord) = no;
-                if (!PutRec(f, 1, db.HeaderRecord))
-                    return failEdit(db, f);
-                buildNewItem(db, no, false);
-                w.ParentRec = -1;
-                w.PrevRec = -1;
-                w.NextRec = 0;
-                w.ParentKey = QByteArray(rec::FixedWidth, ' ');
-                if (!PutRec(f, no, w))
-                    return failEdit(db, f);
-            }
-            QStandardItem *node = AddNode(db.tree, QString(), NodeKeyText(no), newTitle(db));
-            SetNodeExpanded(node, w.Expanded != 0);
-            SetNodeColor(node, w.NodeColor);
-            db.tree.Selected = NodeKeyText(no);
-            CloseDbFile(f);
-            return 0;
-        }
-        DbRecord s;
-        if (!GetItem(f, KeyToRec(NodeKey(sel)), s))
-            return failEdit(db, f);
-        DbRecord last;
-        if (s.ChildRec != 0) {
-            const int32_t l = LastSibling(f, s.ChildRec);
-            if (l == 0 || !GetItem(f, l, last))
-                return failEdit(db, f);
-        }
         buildNewItem(db, no, false);
-        w.ParentRec = s.SelfRec;
-        w.NextRec = 0;
-        w.ParentKey = s.NodeKey;
-        if (s.ChildRec != 0) {
-            last.NextRec = no;
-            if (!PutRec(f, last.SelfRec, last))
-                return failEdit(db, f);
-            w.PrevRec = last.SelfRec;
-        } else {
-            s.ChildRec = no;
-            if (!PutRec(f, s.SelfRec, s))
-                return failEdit(db, f);
-            w.PrevRec = -1;
-        }
-        if (!PutRec(f, no, w))
+        if (!appendLast(db, f, no, sel))
             return failEdit(db, f);
         QStandardItem *node = AddNode(db.tree, NodeKey(sel), NodeKeyText(no), newTitle(db));
-        SetNodeExpanded(node, w.Expanded != 0);
-        SetNodeColor(node, w.NodeColor);
+        SetNodeExpanded(node, db.WorkRecord.Expanded != 0);
+        SetNodeColor(node, db.WorkRecord.NodeColor);
+        if (!sel)
+            db.tree.Selected = NodeKeyText(no);
         CloseDbFile(f);
         return 0;
     });
@@ -391,18 +450,15 @@ int InsertBefore(ProjectDb &db)
         DbFile f;
         if (!openForEdit(db, f))
             return 1;
-        DbRecord s;
-        Neighbours n;
-        if (!GetItem(f, KeyToRec(NodeKey(sel)), s) || !getNeighbours(f, s, n, false))
+        const Place p = placeOf(db.tree, sel);
+        Around a;
+        if (!readAround(db, f, p, a, false))
             return failEdit(db, f);
         const int32_t no = newRecNo(f);
-        if (no < 2)
+        if (!no)
             return failEdit(db, f);
         buildNewItem(db, no, true);
-        DbRecord &w = db.WorkRecord;
-        w.ParentRec = n.hasParent ? s.ParentRec : -1;
-        w.ParentKey = s.ParentKey;
-        if (!putAhead(db, f, no, w, s, n))
+        if (!linkAhead(db, f, no, db.WorkRecord, p, a))
             return failEdit(db, f);
         AddNode(db.tree, ParentKeyOf(sel), NodeKeyText(no), newTitle(db), NodeKey(sel));
         CloseDbFile(f);
@@ -427,17 +483,15 @@ int DeleteNode(ProjectDb &db)
         DbFile f;
         if (!openForEdit(db, f))
             return 1;
-        DbRecord s;
-        Neighbours n;
+        const Place p = placeOf(db.tree, sel);
+        Around a;
         QList<int32_t> subtree;
-        if (!GetItem(f, KeyToRec(NodeKey(sel)), s) || !getNeighbours(f, s, n, true)
-            || !collectSubtree(f, s.ChildRec, subtree))
+        if (!readAround(db, f, p, a, true) || !collectSubtree(f, a.self.ChildRec, subtree))
             return failEdit(db, f);
-        if (!unlinkFromChain(db, f, s, n) || !freeRecords(f, subtree))
+        if (!unlinkChain(db, f, p, a) || !freeRecords(f, subtree))
             return failEdit(db, f);
-        const int32_t no = s.SelfRec;
-        clearDeleted(s);
-        if (!PutRec(f, no, s))
+        clearDeleted(a.self);
+        if (!PutRec(f, p.self, a.self))
             return failEdit(db, f);
         RemoveNode(db.tree, NodeKey(sel));
         CloseDbFile(f);
@@ -466,98 +520,69 @@ int PasteCutNode(ProjectDb &db)
     return rc;
 }
 
-int UnlinkNode(ProjectDb &db, DbFile &f, std::unique_ptr<QStandardItem> *taken)
+int UnlinkNode(ProjectDb &db, DbFile &f)
 {
     QStandardItem *cut = db.CutIndex > 0 ? FindNode(db.tree, NodeKeyText(db.CutIndex)) : nullptr;
     if (!cut) {
         Report(db, kMsgNoNode);
         return 1;
     }
-    DbRecord r;
-    Neighbours n;
-    if (!GetItem(f, db.CutIndex, r) || !getNeighbours(f, r, n, true))
+    const Place p = placeOf(db.tree, cut);
+    Around a;
+    if (!readAround(db, f, p, a, true))
         return failEdit(db, f);
-    db.CutRecord = r;
-    if (!unlinkFromChain(db, f, r, n))
+    db.CutRecord = a.self;
+    if (!unlinkChain(db, f, p, a))
         return failEdit(db, f);
-    r.Used = 0;   // free for this moment; the record keeps all else
-    if (!PutRec(f, r.SelfRec, r))
+    DbRecord local = a.self;
+    local.Used = 0;   // free for this moment; the record keeps all else
+    if (!PutRec(f, p.self, local))
         return failEdit(db, f);
-    if (taken)
-        *taken = TakeNode(db.tree, NodeKey(cut));
-    else
-        RemoveNode(db.tree, NodeKey(cut));
+    RemoveNode(db.tree, NodeKey(cut));
     return 0;
 }
 
 int MoveCutNode(ProjectDb &db)
 {
     QStandardItem *sel = selectedNode(db);
-    if (!sel) {
-        Report(db, kMsgNoNode);
-        return 1;
-    }
-    const QString targetKey = NodeKey(sel);
-    const int32_t target = KeyToRec(targetKey);
-    if (db.CutIndex <= 0 || !FindNode(db.tree, NodeKeyText(db.CutIndex))) {
+    QStandardItem *cut = db.CutIndex > 0 ? FindNode(db.tree, NodeKeyText(db.CutIndex)) : nullptr;
+    if (!sel || !cut) {
         Report(db, kMsgNoNode);
         return 1;
     }
     // Ahead of itself or of one of its own descendants the subtree would be
     // linked into itself and lost from the tree.
-    if (InSubtree(db.tree, NodeKeyText(db.CutIndex), targetKey)) {
+    if (InSubtree(db.tree, NodeKey(cut), NodeKey(sel))) {
         Report(db, kMsgMoveIntoSelf);
+        return 1;
+    }
+    if (depthOf(sel) + heightOf(cut) >= kMaxTreeDepth) {
+        Report(db, kMsgTooDeep.arg(kMaxTreeDepth));
         return 1;
     }
     DbFile f;
     if (!openForEdit(db, f))
         return 1;
-    // The target and the records its links name must be sound before the
-    // marked node is taken out, or the node would be left unlinked.
-    {
-        DbRecord s;
-        Neighbours n;
-        if (!GetItem(f, target, s) || !getNeighbours(f, s, n, false))
-            return failEdit(db, f);
-        for (int32_t up = s.ParentRec, steps = 0; up >= 1; ++steps) {
-            DbRecord p;
-            if (up == db.CutIndex) {
-                Report(db, kMsgMoveIntoSelf);
-                CloseDbFile(f);
-                return 1;
-            }
-            if (steps > RecordCount(f) || !GetItem(f, up, p))
-                return failEdit(db, f);
-            up = p.ParentRec;
-        }
-    }
-    std::unique_ptr<QStandardItem> moving;
-    if (UnlinkNode(db, f, &moving) != 0)
-        return 1;
-    const int32_t c = db.CutRecord.SelfRec;
-    DbRecord s;
-    Neighbours n;
-    if (!GetItem(f, target, s) || !getNeighbours(f, s, n, false)) {
-        forgetTaken(db, moving);
+    // The target must be where the tree shows it before the marked node is
+    // taken out, or the node would be left unlinked.
+    Around a;
+    if (!readAround(db, f, placeOf(db.tree, sel), a, false))
         return failEdit(db, f);
-    }
+    if (UnlinkNode(db, f) != 0)
+        return 1;
+    // Taking the node out may have rewritten the target's neighbours, and
+    // the tree no longer holds it: the target's place is read afresh.
+    const Place p = placeOf(db.tree, sel);
+    if (!readAround(db, f, p, a, false))
+        return failEdit(db, f, true);
     DbRecord &cr = db.CutRecord;
     cr.Used = 1;
-    cr.ParentRec = n.hasParent ? s.ParentRec : -1;
-    cr.ParentKey = n.hasParent ? s.ParentKey : QByteArray(rec::FixedWidth, ' ');
-    cr.SelfRec = c;
-    if (!putAhead(db, f, c, cr, s, n)) {
-        forgetTaken(db, moving);
-        return failEdit(db, f);
-    }
+    if (!linkAhead(db, f, db.CutIndex, cr, p, a))
+        return failEdit(db, f, true);
     CloseDbFile(f);
-    // The node moves within the tree as it moved in the file: the same as a
-    // rebuild from the file, without reading ten thousand records again.
-    if (!PutNodeBefore(db.tree, std::move(moving), targetKey)) {
-        LoadDb(db, db.CurrentPath);
-        if (FindNode(db.tree, targetKey))
-            db.tree.Selected = targetKey;
-    }
+    // What the user sees after a move is what a fresh load gives.
+    const QString path = db.CurrentPath;
+    LoadDb(db, path);
     return 0;
 }
 
@@ -580,7 +605,7 @@ int RenameNode(ProjectDb &db, const QString &text)
     if (!GetItem(f, r, db.WorkRecord))
         return failEdit(db, f);
     PackField(db.WorkRecord.Caption, text, db.LoginKey, kCaptionLimit);
-    if (!PutRec(f, r, db.WorkRecord))
+    if (!PutItem(f, r, db.WorkRecord))
         return failEdit(db, f);
     CloseDbFile(f);
     // The tree keeps the text as typed, even past what the file holds.
@@ -596,15 +621,13 @@ int SetExpanded(ProjectDb &db, const QString &key, bool expanded)
     if (db.TreeBusy || !node || !TreeEditable(db))
         return 0;
     DbFile f;
-    if (!OpenDbFile(f, db.CurrentPath, DbMode::ReadWrite)) {
-        Report(db, kMsgIoFailed + f.error);
+    if (!openForEdit(db, f))
         return 1;
-    }
     const int32_t r = KeyToRec(key);
     if (!GetItem(f, r, db.WorkRecord))
         return failEdit(db, f);
     db.WorkRecord.Expanded = expanded ? -1 : 0;
-    if (!PutRec(f, r, db.WorkRecord))
+    if (!PutItem(f, r, db.WorkRecord))
         return failEdit(db, f);
     CloseDbFile(f);
     return 0;

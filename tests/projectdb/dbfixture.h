@@ -78,14 +78,19 @@ inline void putRecordAt(const QString &path, int32_t n, const pyro::DbRecord &r)
     writeBytes(path, b);
 }
 
-// The tree as "key title" lines, children indented by two blanks.
-inline QStringList treeLines(const pyro::DbTree &t)
+// The tree as record-number lines, children indented by two blanks; with
+// full, each line also holds the title, the expanded state and the colour.
+inline QStringList treeLines(const pyro::DbTree &t, bool full = false)
 {
     QStringList out;
     std::function<void(QStandardItem *, int)> walk = [&](QStandardItem *parent, int depth) {
         for (int i = 0; i < parent->rowCount(); ++i) {
             QStandardItem *n = parent->child(i);
-            out << QString(depth * 2, ' ') + QString::number(pyro::KeyToRec(pyro::NodeKey(n)));
+            QString line = QString(depth * 2, ' ') + QString::number(pyro::KeyToRec(pyro::NodeKey(n)));
+            if (full)
+                line += QStringLiteral(" %1 %2 %3").arg(n->text()).arg(pyro::NodeExpanded(n))
+                            .arg(n->foreground().color().name());
+            out << line;
             walk(n, depth + 1);
         }
     };
@@ -93,12 +98,44 @@ inline QStringList treeLines(const pyro::DbTree &t)
     return out;
 }
 
+// The tree of a file as a fresh load shows it, without touching fx.
+inline QStringList loadedLines(const QString &path, bool full = false)
+{
+    pyro::ProjectDb db;
+    pyro::LoadDb(db, path);
+    return treeLines(db.tree, full);
+}
+
 // The tree shows lines, every link and key of the file agrees (FirstRec,
-// ChildRec, PrevRec, ParentKey), and a reload shows the same tree.
+// ChildRec, PrevRec, ParentRec, ParentKey, nothing in use left unlinked), and
+// a fresh load shows the same tree.
 inline void expectTree(DbFixture &fx, const QString &path, const QStringList &lines)
 {
     QCOMPARE(treeLines(fx.db.tree), lines);
-    QCOMPARE(pyro::CheckDb(path), QStringList());
-    pyro::LoadDb(fx.db, path);
-    QCOMPARE(treeLines(fx.db.tree), lines);
+    QStringList notes;
+    QCOMPARE(pyro::CheckDb(path, &notes), QStringList());
+    QCOMPARE(notes, QStringList());
+    QCOMPARE(loadedLines(path), lines);
+}
+
+// Items 2 .. levels + 1, each the only child of the one before, written
+// straight into a database that has only its header.
+inline void writeChain(const QString &path, int levels)
+{
+    QByteArray b = fileBytes(path);
+    pyro::DbRecord h = recordAt(path, 1);
+    pyro::FirstRec(h) = 2;
+    b.replace(0, pyro::kRecordSize, pyro::EncodeRecord(h));
+    for (int n = 2; n < levels + 2; ++n) {
+        pyro::DbRecord r;
+        r.Used = 1;
+        r.ParentRec = n == 2 ? -1 : n - 1;
+        r.PrevRec = -1;
+        r.ChildRec = n < levels + 1 ? n + 1 : 0;
+        r.SelfRec = n;
+        r.ParentKey = n == 2 ? QByteArray(20, ' ') : pyro::PadFixedText(pyro::NodeKeyText(n - 1));
+        r.NodeKey = pyro::PadFixedText(pyro::NodeKeyText(n));
+        b.append(pyro::EncodeRecord(r));
+    }
+    writeBytes(path, b);
 }
