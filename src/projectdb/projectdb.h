@@ -67,6 +67,9 @@ struct ProjectDb {
     // Record number of the node marked by MNodeCut; -1 = none. A move keeps
     // the record number, so it stays a valid reference across edits.
     int32_t CutIndex = -1;
+    // The clipboard of Mcopydata and MPaseteData, for the run of the program;
+    // not the system's clipboard.
+    QByteArray ImageClip;
 
     Prompter *prompter = nullptr;
     View *view = nullptr;
