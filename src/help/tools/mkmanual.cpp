@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QFontDatabase>
 #include <QGuiApplication>
+#include <QHash>
 #include <QImage>
 #include <QPageLayout>
 #include <QPdfWriter>
@@ -14,6 +15,8 @@
 #include <QTextBlock>
 #include <QTextCursor>
 #include <QTextDocument>
+#include <QTextFrame>
+#include <QTextTable>
 #include <QTextStream>
 
 namespace {
@@ -25,8 +28,8 @@ const QStringList kBodyFamilies{"DejaVu Sans", "WenQuanYi Micro Hei", "Noto Sans
 constexpr double kBodyPoints = 9.5;
 constexpr int kDpi = 300;
 
-// Drops image references whose file is missing and registers the others.
-QString takeImages(const QString &source, const QString &baseDir, QTextDocument &doc)
+// Drops image references whose file is missing and collects the others.
+QString takeImages(const QString &source, const QString &baseDir, QHash<QString, QImage> &images)
 {
     static const QRegularExpression image(QStringLiteral(R"(!\[([^\]]*)\]\(([^)\s]+)\))"));
     QString out;
@@ -39,7 +42,7 @@ QString takeImages(const QString &source, const QString &baseDir, QTextDocument 
         const QImage img(QFileInfo(baseDir + '/' + name).absoluteFilePath());
         if (img.isNull())
             continue;
-        doc.addResource(QTextDocument::ImageResource, QUrl(name), img);
+        images.insert(name, img);
         out += m.captured(0);
     }
     return out + source.mid(at);
@@ -57,8 +60,8 @@ void fitImages(QTextDocument &doc, qreal width)
             const QImage img = doc.resource(QTextDocument::ImageResource, QUrl(fmt.name())).value<QImage>();
             if (img.isNull())
                 continue;
-            // Screenshots at screen resolution shown at about 110 dpi on paper.
-            const qreal w = std::min<qreal>(width, img.width() * kDpi / 110.0);
+            // Screenshots shown at about 110 dots to the inch on paper.
+            const qreal w = std::min<qreal>(width, img.width() * 96 / 110.0);
             fmt.setWidth(w);
             fmt.setHeight(w * img.height() / img.width());
             QTextCursor c(&doc);
@@ -66,6 +69,31 @@ void fitImages(QTextDocument &doc, qreal width)
             c.setPosition(frag.position() + frag.length(), QTextCursor::KeepAnchor);
             c.setCharFormat(fmt);
         }
+    }
+}
+
+// Tables read as ruled grids across the text width, the header row shaded.
+void styleTables(QTextFrame *frame)
+{
+    for (QTextFrame *child : frame->childFrames()) {
+        if (auto *table = qobject_cast<QTextTable *>(child)) {
+            QTextTableFormat f = table->format();
+            f.setBorderCollapse(true);
+            f.setBorder(0.6);
+            f.setBorderBrush(QColor(150, 150, 150));
+            f.setCellPadding(5);
+            f.setCellSpacing(0);
+            f.setWidth(QTextLength(QTextLength::PercentageLength, 100));
+            f.setHeaderRowCount(1);
+            table->setFormat(f);
+            for (int c = 0; c < table->columns(); ++c) {
+                QTextTableCell cell = table->cellAt(0, c);
+                QTextCharFormat cf = cell.format();
+                cf.setBackground(QColor(232, 236, 242));
+                cell.setFormat(cf);
+            }
+        }
+        styleTables(child);
     }
 }
 
@@ -96,7 +124,13 @@ int main(int argc, char **argv)
     body.setFamilies(kBodyFamilies);
     body.setPointSizeF(kBodyPoints);
     doc.setDefaultFont(body);
-    doc.setMarkdown(takeImages(text, QFileInfo(source).absolutePath(), doc), QTextDocument::MarkdownDialectGitHub);
+    QHash<QString, QImage> images;
+    doc.setMarkdown(takeImages(text, QFileInfo(source).absolutePath(), images), QTextDocument::MarkdownDialectGitHub);
+    // After setMarkdown, which clears the document's resources.
+    for (auto it = images.cbegin(); it != images.cend(); ++it)
+        doc.addResource(QTextDocument::ImageResource, QUrl(it.key()), it.value());
+
+    styleTables(doc.rootFrame());
 
     // The writer goes to a temporary name: a failed run leaves no PDF that
     // make would take for finished.
@@ -106,9 +140,13 @@ int main(int argc, char **argv)
         pdf.setResolution(kDpi);
         pdf.setTitle(QStringLiteral("Pyrolink operator's manual"));
         pdf.setCreator(QStringLiteral("pyrolink-mkmanual"));
+        // QTextDocument::print adds a margin of 2 cm of its own, with the page
+        // number in it; the page's own margin only keeps clear of the edge.
         pdf.setPageLayout(QPageLayout(QPageSize(QPageSize::A4), QPageLayout::Portrait,
-                                      QMarginsF(18, 16, 18, 16), QPageLayout::Millimeter));
-        fitImages(doc, pdf.pageLayout().paintRectPixels(kDpi).width() * 0.9);
+                                      QMarginsF(6, 4, 6, 4), QPageLayout::Millimeter));
+        // Image sizes count in pixels of 96 to the inch, whatever the device.
+        const qreal textMm = pdf.pageLayout().paintRect(QPageLayout::Millimeter).width() - 2 * 20;
+        fitImages(doc, textMm / 25.4 * 96);
         doc.print(&pdf);
     }
     if (!QFileInfo(partial).isFile() || QFileInfo(partial).size() == 0) {
