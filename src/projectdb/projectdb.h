@@ -71,6 +71,9 @@ struct ProjectDb {
     int32_t CutIndex = -1;
     // A full disk and power cuts, for tests; nothing in the program sets them.
     DbFaults faults;
+    // The clipboard of Mcopydata and MPaseteData, for the run of the program;
+    // not the system's clipboard.
+    QByteArray ImageClip;
 
     Prompter *prompter = nullptr;
     View *view = nullptr;
