@@ -149,7 +149,6 @@ private slots:
         const QString range = "提示！|设置超出范围，有效范围：0-100";
         QTest::newRow("in range") << kSpeed << "75" << "" << 75 << true;
         QTest::newRow("upper bound") << kSpeed << "100" << "" << 100 << true;
-        QTest::newRow("lower bound") << kSpeed << "0" << "" << 0 << true;
         QTest::newRow("point rounds") << kSpeed << "7.5" << "" << 8 << true;
         QTest::newRow("above") << kSpeed << "100.5" << range << 50 << false;
         QTest::newRow("far above") << kSpeed << "99999999999" << range << 50 << false;
@@ -219,9 +218,7 @@ private slots:
         QTest::addColumn<bool>("boxOpen");
         QTest::addColumn<bool>("listOpen");
         QTest::newRow("box, click") << kSpeed << 0 << false << false;
-        QTest::newRow("box, scroll") << kSpeed << 1 << false << false;
         QTest::newRow("box, tree") << kSpeed << 2 << false << false;
-        QTest::newRow("list, click") << kDirection << 0 << false << false;
         QTest::newRow("list, scroll") << kDirection << 1 << false << false;
         QTest::newRow("list, tree") << kDirection << 2 << false << true;
     }
@@ -280,16 +277,7 @@ private slots:
         QVERIFY(b.prompter.shown.isEmpty());
     }
 
-    // --- hints and the wheel -----------------------------------------------
-
-    void gridHints()
-    {
-        View v;
-        MSFGMouseMove(v, 0);
-        QCOMPARE(v.SB[3], "设置参数");
-        MSFGMouseMove(v, 1);
-        QCOMPARE(v.SB[3], "显示参数");
-    }
+    // --- the wheel -----------------------------------------------
 
     void wheel_data()
     {
@@ -303,7 +291,6 @@ private slots:
         QTest::newRow("notch up") << 0 << true << 120 << 0 << 0 << int(WheelAction::PageUp);
         QTest::newRow("notch down") << 0 << true << -120 << 0 << 0 << int(WheelAction::PageDown);
         QTest::newRow("fast spin") << 0 << true << 240 << 0 << 0 << none;
-        QTest::newRow("fine wheel") << 0 << true << 60 << 0 << 0 << none;
         QTest::newRow("ctrl") << 0 << true << 120 << int(Qt::ControlModifier) << 0 << none;
         QTest::newRow("shift") << 0 << true << -120 << int(Qt::ShiftModifier) << 0 << none;
         QTest::newRow("button held") << 0 << true << 120 << 0 << int(Qt::LeftButton) << none;
@@ -452,23 +439,6 @@ private slots:
         QVERIFY(!Text1Change(s, 3, s.Text1[3]));
         QCOMPARE(s.Text1[3], remark);
         QCOMPARE(s.Text1[1], rec.OrderId);
-    }
-
-    void bitInfFormLayout()
-    {
-        QCOMPARE(kBitInfFormCaption, "Version Information");
-        int boxes = 0;
-        for (const FormControl &c : kBitInfFormLayout) {
-            QVERIFY(QRect(QPoint(0, 0), kBitInfFormClient).contains(c.rect.topLeft()));
-            if (c.kind == FormControlKind::TextBox) {
-                QCOMPARE(c.index, boxes++);
-                QCOMPARE(c.enabled, c.index != 0);
-                QCOMPARE(c.readOnly, c.index != 3);
-            }
-            if (c.kind == FormControlKind::Button)
-                QCOMPARE(c.tabIndex, 0);
-        }
-        QCOMPARE(boxes, 4);
     }
 };
 
