@@ -16,8 +16,10 @@ const QStringList kTable{
     rowLine("Motor", "Direction", paramCell(35, 1, 0, 0, 1, 0, 1, "Forward||Reverse", "0||1")),
     rowLine("Motor", "Brake", paramCell(37, 4, 0, 3, 1, 0, 1, "Off||On", "0||1")),
     QStringList{plainCell("0", 4), plainCell("Spare"), plainCell(""), plainCell("")}.join("\\/"),
+    // Three names for two stored numbers: the table author's slip.
+    rowLine("Motor", "Mode", paramCell(43, 1, 0, 0, 1, 0, 1, "A||B||C", "0||1")),
     "End"};
-constexpr int kSpeed = 1, kDirection = 2, kBrake = 3, kSpacer = 4;
+constexpr int kSpeed = 1, kDirection = 2, kBrake = 3, kSpacer = 4, kMode = 5;
 
 const QRect kGrid{45, 3240, 12540, 6405};
 constexpr int kCellLeft = 600 + 2000 + 4000;
@@ -35,6 +37,7 @@ struct EditBench {
         putLe16(p.SetImage, 32, 50);
         putLe32(p.SetImage, 36, 0x11);   // bit 3 clear, its neighbours set
         DecodeBlock(p.MSFG[0], p.SetImage, p.SetRows, p.Tables[0], &prompter);
+        prompter.shown.clear();          // the slip of the last row
     }
     // A double click on (row, col) of grid 'index' with the row scrolled to cellTop.
     void open(int row, int col = kValueCol, int index = 0, int cellTop = -1)
@@ -257,6 +260,8 @@ private slots:
         // Bit 3 only: the bits around it stay.
         QTest::newRow("bit, set") << kBrake << 1 << "On" << QByteArray::fromHex("00001500 0000") << true;
         QTest::newRow("bit, as is") << kBrake << 0 << "Off" << QByteArray::fromHex("00001100 0000") << false;
+        // The cell shows the choice before the image refuses it.
+        QTest::newRow("lists don't pair up") << kMode << 2 << "C" << QByteArray::fromHex("00001100 0000") << true;
         QTest::newRow("below the entries") << kDirection << 2 << "Forward" << QByteArray::fromHex("00001100 0000") << false;
     }
     void listClick()
@@ -273,8 +278,9 @@ private slots:
         QCOMPARE(b.cell(row), text);
         QCOMPARE(b.fore(row), changed ? qRgb(250, 0, 0) : qRgb(0, 0, 0));
         QCOMPARE(b.view.MenuImgEnabled[4], changed);
-        QCOMPARE(b.e.MSFGList.visible, entry >= 2);
-        QVERIFY(b.prompter.shown.isEmpty());
+        QCOMPARE(b.e.MSFGList.visible, entry >= b.e.MSFGList.items.size());
+        QCOMPARE(b.prompter.shown, row == kMode ? QStringList{"警告！|解析协议表错误，列表和对应值不匹配。"} : QStringList());
+        QCOMPARE(b.p.SetImage.at(42), '\0');
     }
 
     // --- the wheel -----------------------------------------------
