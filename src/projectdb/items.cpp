@@ -119,6 +119,12 @@ int SaveItem(ProjectDb &db, const Params &p, const View &v, const QString &key)
         Report(db, kMsgIoFailed + f.error);
         return 1;
     }
+    // A cut-off file is damaged: it is left as it is, not written into.
+    if (!WholeRecords(f)) {
+        Report(db, kMsgOpStopped + QStringLiteral("文件长度 %1 不是 %2 的整数倍").arg(f.length).arg(kRecordSize));
+        CloseDbFile(f);
+        return 1;
+    }
     const int32_t r = KeyToRec(key);
     if (!GetItem(f, r, db.WorkRecord)) {
         Report(db, kMsgOpStopped + f.error);

@@ -242,6 +242,25 @@ private slots:
         QCOMPARE(b.prompter.shown, shown);
     }
 
+    // A file damaged since it opened, or an item that is no longer there:
+    // the save is refused with its reason and the file stays as it is.
+    void damagedFileNotWritten()
+    {
+        ItemBench b;
+        b.store(3, goodImage(5), {"kept"});
+        DbRecord r = recordAt(b.file, 2);
+        r.Used = 0;
+        putRecordAt(b.file, 2, r);
+        const QByteArray whole = fileBytes(b.file);
+        for (const auto &[rec, bytes] : {std::pair{3, whole + "tail"}, std::pair{2, whole}}) {
+            writeBytes(b.file, bytes);
+            b.store(rec, goodImage(6), {"lost"});
+            QCOMPARE(b.l.view.SB[2], kStNothingSaved);
+            QVERIFY(b.prompter.shown.last().startsWith(kHintTitle + '|' + kMsgOpStopped));
+            QCOMPARE(fileBytes(b.file), bytes);
+        }
+    }
+
     // A double click in box 2 picks the program file; the other boxes ignore it.
     void programFileBox()
     {
