@@ -1,4 +1,9 @@
 #include "design.h"
+#include "gridedit.h"
+#include "help.h"
+#include "items.h"
+#include "projectdb.h"
+#include "strip.h"
 
 namespace pyro::design {
 
@@ -93,43 +98,63 @@ Window makeViewForm()
                   QStringLiteral("已当期有效设置为准")));
 
     // C: the image strip; the mark is on top of the pictures.
-    const int tops[7] = {240, 1200, 2120, 3120, 4080, 5100, 6120};
-    const char *const tips[7] = {"删除参数恢复默认", "读取控制器当前设置参数", "设置下载到控制器",
-                                 "设置保存到控制器", "保存修改参数", "显示运行参数", "读取控制器信息"};
-    for (int i = 0; i < 7; ++i) {
-        Control img = c(QStringLiteral("MenuImg"), i, s, {120, tops[i], 705, 705}, Kind::Image, {},
-                        QString::fromUtf8(tips[i]));
+    for (int i = 0; i < kMenuImgCount; ++i) {
+        Control img = c(QStringLiteral("MenuImg"), i, s, MenuImgRect(i), Kind::Image, {}, kMenuImg[i].toolTip);
         img.enabled = i != 4;
         l << img;
     }
-    l << c(QStringLiteral("Shape2"), -1, s, {120, 240, 705, 705}, Kind::Mark);
+    l << c(QStringLiteral("Shape2"), -1, s, Shape2Rect(ImageStrip{}), Kind::Mark);
 
     // D: the two grids on one place, the settings grid in front.
-    l << c(QStringLiteral("MSFG"), 1, form, {45, 3240, 12540, 6405}, Kind::Grid, {}, QStringLiteral("显示参数"));
-    l << c(QStringLiteral("MSFG"), 0, form, {45, 3240, 12540, 6405}, Kind::Grid, {}, QStringLiteral("设置参数"));
+    l << c(QStringLiteral("MSFG"), 1, form, {45, 3240, 12540, 6405}, Kind::Grid, {}, kMSFGToolTip[1]);
+    l << c(QStringLiteral("MSFG"), 0, form, {45, 3240, 12540, 6405}, Kind::Grid, {}, kMSFGToolTip[0]);
     l << hidden(with(c(QStringLiteral("InPutTxt"), 0, form, {5880, 4200, 2000, 300}, Kind::Line), song105));
     l << hidden(with(c(QStringLiteral("MSFGList"), -1, form, {5880, 4560, 2055, 3975}, Kind::List),
                      Font{true, 9, false}));
 
     // E and F: the project tree and the item notes.
-    l << c(QStringLiteral("TreeView"), -1, form, {13500, 0, 5055, 6150}, Kind::Tree, {}, QStringLiteral("右键选择功能操作"));
-    l << c(QStringLiteral("Label1"), 0, form, {13500, 6195, 375, 1980}, Kind::BoxLabel,
-           QStringLiteral("         程  序  功  能  描  述 "));
-    l << c(QStringLiteral("NotesTxt"), 1, form, {13860, 6195, 4650, 1980}, Kind::Text, {}, QStringLiteral("最多512个字"));
-    const struct { int top; const char *label; const char *tip; } notes[5] = {
-        {8160, "程序文件:", "双击选择目标文件"}, {8450, "配置文件:", "保留"}, {8730, "显示文件:", "保留"},
-        {9020, "订单编号:", ""}, {9300, "备注信息:", "最多5个字"}};
+    l << c(QStringLiteral("TreeView"), -1, form, {13500, 0, 5055, 6150}, Kind::Tree, {}, kTreeToolTip);
+    l << c(QStringLiteral("Label1"), 0, form, {13500, 6195, 375, 1980}, Kind::BoxLabel, kNoteBoxes[1].label);
+    l << c(QStringLiteral("NotesTxt"), 1, form, {13860, 6195, 4650, 1980}, Kind::Text, {}, kNoteBoxes[1].toolTip);
+    const int tops[5] = {8160, 8450, 8730, 9020, 9300};
     for (int i = 0; i < 5; ++i) {
-        l << c(QStringLiteral("Label1"), i + 1, form, {13500, notes[i].top, 855, 300}, Kind::BoxLabel,
-               QString::fromUtf8(notes[i].label));
-        l << c(QStringLiteral("NotesTxt"), i + 2, form, {14340, notes[i].top, 4215, 300}, Kind::Line, {},
-               QString::fromUtf8(notes[i].tip));
+        l << c(QStringLiteral("Label1"), i + 1, form, {13500, tops[i], 855, 300}, Kind::BoxLabel,
+               kNoteBoxes[i + 2].label);
+        l << c(QStringLiteral("NotesTxt"), i + 2, form, {14340, tops[i], 4215, 300}, Kind::Line, {},
+               kNoteBoxes[i + 2].toolTip);
     }
     l << c(QStringLiteral("Line1"), -1, form, {18540, 6120, 1, 8160 - 6120}, Kind::VLine);
     return w;
 }
 
+Window makeAboutForm()
+{
+    const QString form = QStringLiteral("frmAbout");
+    Window w;
+    w.caption = kAboutCaption;
+    w.clientTwips = QSize(5730, 3225);
+    QList<Control> &l = w.controls;
+    l << c(QStringLiteral("Toolbar1"), -1, form, {0, 0, 5730, 690}, Kind::Frame);
+    l << c(QStringLiteral("picIcon"), -1, form, {120, 240, 750, 690}, Kind::Image);
+    l << with(c(QStringLiteral("lblTitle"), -1, form, {1050, 240, 1725, 480}, Kind::Label, kAboutTitle),
+              Font{false, 14, true});
+    l << c(QStringLiteral("lblVersion"), -1, form, {4680, 240, 810, 180}, Kind::Label, AboutVersionText());
+    l << c(QStringLiteral("lblDescription"), -1, form, {1080, 1080, 3885, 210}, Kind::Label, kAboutDescription);
+    l << c(QStringLiteral("Label1"), -1, form, {1440, 1440, 3975, 615}, Kind::Label, kAboutText);
+    l << c(QStringLiteral("Line1"), 1, form, {90, 2445, 5654 - 90, 1}, Kind::HLine);
+    l << c(QStringLiteral("lblDisclaimer"), -1, form, {255, 2520, 5310, 315}, Kind::Label, kAboutCompany);
+    l << c(QStringLiteral("Label2"), -1, form, {270, 2760, 3735, 375}, Kind::Label, kAboutContact);
+    l << c(QStringLiteral("cmdOK"), -1, form, {4200, 2760, 1500, 345}, Kind::Button, kAboutOk);
+    return w;
+}
+
 } // namespace
+
+const Window &aboutForm()
+{
+    static const Window w = makeAboutForm();
+    return w;
+}
 
 const Window &viewForm()
 {

@@ -27,6 +27,7 @@ enum class Kind {
     Image,       // a picture button of the strip
     Mark,        // Shape2: a rectangle without fill
     VLine,       // a drawn line; the rectangle is its span
+    HLine,       // an engraved rule across a window
 };
 
 struct Font {
@@ -60,6 +61,7 @@ struct Window {
 };
 
 const Window &viewForm();
+const Window &aboutForm();
 
 // Menus: top-level items have an empty parent; "-" is a separator.
 struct MenuItem {

@@ -1,4 +1,6 @@
 #include "viewform.h"
+#include "help.h"
+#include "items.h"
 #include "pictures.h"
 #include "portcontrol.h"
 #include "twips.h"
@@ -8,6 +10,8 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QDesktopServices>
+#include <QDialog>
 #include <QComboBox>
 #include <QHeaderView>
 #include <QLabel>
@@ -19,11 +23,13 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QScrollBar>
+#include <QStandardItemModel>
 #include <QStyledItemDelegate>
 #include <QTableView>
 #include <QTextBlock>
 #include <QTreeView>
 #include <QVBoxLayout>
+#include <QWheelEvent>
 
 namespace pyro {
 
@@ -166,6 +172,13 @@ ViewForm::ViewForm(const Options &options) : m_opt(options)
     burn.params = &params;
     InstallParamOps(link, params, ops);
     AttachDb(db, link);
+    strip.saveItem = [this] { return MenuImg4Click(db, params, link); };
+    // Modal from inside the tick's step: the tick's guard keeps the one reply
+    // from being judged again while it is open.
+    ops.showBitInfForm = [this](ParamOps &o) {
+        std::unique_ptr<QDialog> form = makeBitInfForm(o.BitInf);
+        form->exec();
+    };
 
     if (QScreen *s = screen())
         m_dpi = s->logicalDotsPerInchX();
@@ -335,11 +348,16 @@ QWidget *ViewForm::makeControl(const design::Control &c, QWidget *parent)
         t->setEditTriggers(QAbstractItemView::SelectedClicked | QAbstractItemView::EditKeyPressed);
         return t;
     }
+    case Kind::HLine: {
+        auto *f = new QFrame(parent);
+        f->setFrameStyle(QFrame::HLine | QFrame::Sunken);
+        return f;
+    }
     case Kind::Image: {
         auto *l = new QLabel(parent);
         const int side = twipsToPx(c.twips.width(), m_dpi);
-        l->setPixmap(stripPicture(c.index, side));
-        l->setScaledContents(true);
+        l->setPixmap(c.index < 0 ? appIconPixmap(48) : stripPicture(c.index, side));
+        l->setScaledContents(c.index >= 0);
         return l;
     }
     case Kind::Mark:
@@ -416,6 +434,8 @@ void ViewForm::wireEvents()
         auto *box = qobject_cast<QCheckBox *>(control(design::controlId("Check1", i)));
         connect(box, &QCheckBox::toggled, this, [this, i](bool on) { link.view.Check1[i] = on; });
     }
+    // The note boxes keep the view's text in step with what is typed or
+    // pasted; the key up is the event that counts as a change of the item.
     for (int i = 0; i < 7; ++i) {
         QWidget *w = control(design::controlId("NotesTxt", i));
         if (auto *t = qobject_cast<QPlainTextEdit *>(w))
@@ -423,6 +443,15 @@ void ViewForm::wireEvents()
         else if (auto *l = qobject_cast<QLineEdit *>(w))
             connect(l, &QLineEdit::textEdited, this, [this, i](const QString &s) { link.view.NotesTxt[i] = s; });
     }
+
+    // The in-cell editors.
+    m_listModel = new QStandardItemModel(this);
+    auto *list = qobject_cast<QTableView *>(control("MSFGList"));
+    list->setModel(m_listModel);
+    connect(list, &QTableView::clicked, this, [this](const QModelIndex &i) {
+        MSFGListClick(edit, params, link.view, link.prompter, i.row());
+        refresh();
+    });
 
     for (int i = 0; i < 2; ++i) {
         auto *grid = qobject_cast<QTableView *>(control(design::controlId("MSFG", i)));
@@ -433,6 +462,20 @@ void ViewForm::wireEvents()
         connect(m, &GridModel::headerDataChanged, this, [this, i] { refreshGrid(i); });
         connect(m, &GridModel::rowsInserted, this, [this, i] { refreshGrid(i); });
         refreshGrid(i);
+        connect(grid, &QTableView::pressed, this, [this, i](const QModelIndex &at) {
+            params.MSFG[i].setCurrentCell(at.row(), at.column());
+        });
+        connect(grid, &QTableView::clicked, this, [this](const QModelIndex &) {
+            MSFGClick(edit);
+            refresh();
+        });
+        connect(grid, &QTableView::doubleClicked, this, [this, i](const QModelIndex &at) { gridDoubleClick(i, at); });
+        for (QScrollBar *bar : {grid->verticalScrollBar(), grid->horizontalScrollBar()}) {
+            connect(bar, &QScrollBar::valueChanged, this, [this] {
+                MSFGScroll(edit);
+                refresh();
+            });
+        }
     }
 
     auto *tree = qobject_cast<QTreeView *>(control("TreeView"));
@@ -451,6 +494,11 @@ void ViewForm::wireEvents()
                 db.tree.Selected = current.data(kKeyRole).toString();
                 m_treeSelected = db.tree.Selected;
             });
+    connect(tree, &QTreeView::clicked, this, [this](const QModelIndex &at) {
+        if (TreeNodeClick(db, params, link, at.data(kKeyRole).toString()) == 0)
+            setFocusTo(control("MSFG(0)"));
+        refresh();
+    });
     connect(tree, &QTreeView::expanded, this, [this](const QModelIndex &i) {
         if (!m_syncingTree)
             SetExpanded(db, i.data(kKeyRole).toString(), true);
@@ -501,6 +549,21 @@ void ViewForm::runMenu(const QString &name)
         MarkCutNode(db);
     else if (name == QLatin1String("MnodePast"))
         PasteCutNode(db);
+    else if (name == QLatin1String("Mcopydata"))
+        Mcopydata(db, params);
+    else if (name == QLatin1String("MPaseteData")) {
+        if (MPaseteData(db, params, link) == 0)
+            setFocusTo(control("MSFG(0)"));
+    } else if (name == QLatin1String("MCompFile"))
+        MCompFile(link);
+    else if (name == QLatin1String("SavePro"))
+        SavePro(link, burn);
+    else if (name == QLatin1String("AboutMe"))
+        makeAbout()->exec();
+    else if (name == QLatin1String("PeoHelp"))
+        PeoHelp(link.appDir, link.prompter, [](const QUrl &u) { return QDesktopServices::openUrl(u); });
+    else if (name == QLatin1String("AboutTarvel"))
+        AboutTarvel([](const QUrl &u) { return QDesktopServices::openUrl(u); });
     refresh();
 }
 
@@ -509,36 +572,120 @@ bool ViewForm::eventFilter(QObject *watched, QEvent *e)
     const QString id = m_ids.value(watched);
     if (id.isEmpty())
         return QMainWindow::eventFilter(watched, e);
+    auto indexOf = [&](const char *array) {
+        const QString head = QLatin1String(array) + QLatin1Char('(');
+        return id.startsWith(head) ? id.mid(head.size()).chopped(1).toInt() : -1;
+    };
+    const int note = indexOf("NotesTxt"), grid = indexOf("MSFG"), image = indexOf("MenuImg");
+    bool eaten = false;
     switch (e->type()) {
-    case QEvent::MouseMove: {
-        const QString tip = m_toolTips.value(id);
-        const bool hints = id == QLatin1String("Command1") || id == QLatin1String("Command3")
-            || id.startsWith(QLatin1String("Check1(")) || id.startsWith(QLatin1String("NotesTxt("))
-            || id.startsWith(QLatin1String("MSFG(")) || id == QLatin1String("TreeView")
-            || id.startsWith(QLatin1String("MenuImg("));
-        if (hints) {
-            MouseHint(link.view, tip);
+    case QEvent::MouseMove:
+        if (id == QLatin1String("Command1") || id == QLatin1String("Command3") || indexOf("Check1") >= 0)
+            MouseHint(link.view, m_toolTips.value(id));
+        else if (note >= 0)
+            NotesTxtMouseMove(link.view, note);
+        else if (grid >= 0)
+            MSFGMouseMove(link.view, grid);
+        else if (id == QLatin1String("TreeView")) {
+            MouseHint(link.view, m_toolTips.value(id));
+            TreeViewMouseMove(edit);
+        } else if (image >= 0)
+            MenuImgMouseMove(strip, link.view, image);
+        else
+            return QMainWindow::eventFilter(watched, e);
+        refresh();
+        break;
+    case QEvent::MouseButtonPress:
+        if (image >= 0) {
+            MenuImgMouseDown(strip, link.view, image);
             refresh();
         }
         break;
-    }
     case QEvent::MouseButtonRelease: {
         auto *me = static_cast<QMouseEvent *>(e);
         if (id == QLatin1String("TreeView") && me->button() == Qt::RightButton) {
             if (TreeMouseUp(db))
                 showPopup(me->globalPosition().toPoint());
             refresh();
-        } else if (id.startsWith(QLatin1String("MenuImg("))) {
-            const int i = id.mid(8, 1).toInt();
-            MenuImgClick(ops, i);
+        } else if (image >= 0) {
+            // The release counts wherever the pointer is now.
+            MenuImgMouseUp(strip, ops, image);
             refresh();
         }
         break;
     }
+    case QEvent::MouseButtonDblClick:
+        if (note >= 0) {
+            NotesTxtDblClick(link, note);
+            refresh();
+        }
+        break;
+    case QEvent::KeyRelease:
+        if (note >= 0) {
+            QWidget *w = control(id);
+            const QString text = qobject_cast<QPlainTextEdit *>(w) ? qobject_cast<QPlainTextEdit *>(w)->toPlainText()
+                                                                   : qobject_cast<QLineEdit *>(w)->text();
+            NotesTxtKeyUp(link.view, note, text);
+            refresh();
+        }
+        break;
+    case QEvent::KeyPress:
+        if (id == QLatin1String("InPutTxt(0)")) {
+            auto *ke = static_cast<QKeyEvent *>(e);
+            int ascii = -1;
+            if (ke->key() == Qt::Key_Return || ke->key() == Qt::Key_Enter)
+                ascii = 13;
+            else if (ke->key() == Qt::Key_Backspace)
+                ascii = 8;
+            else if (!ke->text().isEmpty())
+                ascii = ke->text().at(0).unicode();
+            if (ascii >= 0) {
+                auto *box = qobject_cast<QLineEdit *>(control(id));
+                eaten = !InPutTxtKeyPress(edit, params, link.view, link.prompter, ascii, box->text());
+                refresh();
+            }
+        }
+        break;
+    case QEvent::Wheel:
+        // The grids' own wheel is off: one notch on the settings grid with
+        // the focus pages it, everything else does nothing.
+        if (grid >= 0) {
+            auto *we = static_cast<QWheelEvent *>(e);
+            QWidget *g = control(id);
+            const WheelAction act = MSFGWheel(grid, g->hasFocus(), we->angleDelta().y(), we->modifiers(), we->buttons());
+            if (act != WheelAction::None) {
+                const int key = act == WheelAction::PageUp ? Qt::Key_PageUp : Qt::Key_PageDown;
+                QCoreApplication::postEvent(g, new QKeyEvent(QEvent::KeyPress, key, Qt::NoModifier));
+                QCoreApplication::postEvent(g, new QKeyEvent(QEvent::KeyRelease, key, Qt::NoModifier));
+            }
+            eaten = true;
+        }
+        break;
     default:
         break;
     }
-    return QMainWindow::eventFilter(watched, e);
+    return eaten || QMainWindow::eventFilter(watched, e);
+}
+
+void ViewForm::gridDoubleClick(int i, const QModelIndex &at)
+{
+    auto *grid = qobject_cast<QTableView *>(control(design::controlId("MSFG", i)));
+    params.MSFG[i].setCurrentCell(at.row(), at.column());
+    CellPlace place;
+    const QRect g = grid->geometry();
+    place.grid = QRect(pxToTwips(g.x(), m_dpi), pxToTwips(g.y(), m_dpi), pxToTwips(g.width(), m_dpi),
+                       pxToTwips(g.height(), m_dpi));
+    const QRect c = grid->visualRect(at).translated(grid->viewport()->geometry().topLeft());
+    place.cell = QRect(pxToTwips(c.x(), m_dpi), pxToTwips(c.y(), m_dpi), pxToTwips(c.width(), m_dpi),
+                       pxToTwips(c.height(), m_dpi));
+    MSFGDblClick(edit, params, i, place);
+    refresh();
+}
+
+void ViewForm::setFocusTo(QWidget *w)
+{
+    if (w && w->isEnabled())
+        w->setFocus(Qt::OtherFocusReason);
 }
 
 void ViewForm::showPopup(const QPoint &globalPos)
@@ -641,6 +788,16 @@ void ViewForm::refresh()
         log->verticalScrollBar()->setValue(log->verticalScrollBar()->maximum());
     }
 
+    // The strip's mark.
+    auto *mark = control("Shape2");
+    const QRect markRect = twipsToPx(Shape2Rect(strip), m_dpi);
+    if (mark->geometry() != markRect)
+        mark->setGeometry(markRect);
+    static_cast<Mark *>(mark)->setBorder(strip.Shape2BorderWidth);
+    if (mark->isVisible() != strip.Shape2Visible)
+        mark->setVisible(strip.Shape2Visible);
+    refreshEditors();
+
     if (m_front != ops.frontGrid) {
         m_front = ops.frontGrid;
         control(design::controlId("MSFG", m_front == 1 ? 1 : 0))->raise();
@@ -648,6 +805,66 @@ void ViewForm::refresh()
         control("MSFGList")->raise();
     }
     refreshTree();
+}
+
+void ViewForm::refreshEditors()
+{
+    auto *box = qobject_cast<QLineEdit *>(control("InPutTxt(0)"));
+    const InPutTxtView &b = edit.InPutTxt;
+    const QRect boxRect = twipsToPx(b.rect, m_dpi);
+    if (box->geometry() != boxRect)
+        box->setGeometry(boxRect);
+    if (b.visible && !box->isVisible())
+        box->setText(b.text);
+    QPalette pal = box->palette();
+    if (pal.color(QPalette::Base) != QColor::fromRgb(b.back)) {
+        pal.setColor(QPalette::Base, QColor::fromRgb(b.back));
+        box->setPalette(pal);
+    }
+    if (box->isVisible() != b.visible) {
+        box->setVisible(b.visible);
+        box->raise();
+    }
+
+    auto *list = qobject_cast<QTableView *>(control("MSFGList"));
+    const MSFGListView &l = edit.MSFGList;
+    QStringList have;
+    for (int r = 0; r < m_listModel->rowCount(); ++r)
+        have << m_listModel->item(r)->text();
+    if (have != l.items) {
+        m_listModel->clear();
+        for (const QString &t : l.items) {
+            auto *item = new QStandardItem(t);
+            item->setTextAlignment(Qt::AlignVCenter | Qt::AlignLeft);
+            m_listModel->appendRow(item);
+        }
+    }
+    const QRect listRect = twipsToPx(l.rect, m_dpi);
+    if (list->geometry() != listRect)
+        list->setGeometry(listRect);
+    for (int r = 0; r < m_listModel->rowCount(); ++r)
+        list->setRowHeight(r, std::max(1, twipsToPx(l.rowHeight, m_dpi)));
+    pal = list->palette();
+    if (pal.color(QPalette::Base) != QColor::fromRgb(l.back)) {
+        pal.setColor(QPalette::Base, QColor::fromRgb(l.back));
+        list->setPalette(pal);
+    }
+    if (l.visible && l.selected >= 0 && l.selected < m_listModel->rowCount())
+        list->setCurrentIndex(m_listModel->index(l.selected, 0));
+    if (list->isVisible() != l.visible) {
+        list->setVisible(l.visible);
+        list->raise();
+    }
+
+    if (m_editFocus != edit.focusSerial) {
+        m_editFocus = edit.focusSerial;
+        if (edit.focus == EditFocus::InPutTxt) {
+            setFocusTo(box);
+            box->selectAll();
+        } else if (edit.focus == EditFocus::Grid) {
+            setFocusTo(control("MSFG(0)"));
+        }
+    }
 }
 
 int ViewForm::logBlocks() const
@@ -778,6 +995,89 @@ void ViewForm::closeEvent(QCloseEvent *e)
         WriteBurnRecord(link);
     m_tick.stop();
     e->accept();
+}
+
+std::unique_ptr<QDialog> ViewForm::makeAbout()
+{
+    const design::Window &w = design::aboutForm();
+    auto dialog = std::make_unique<QDialog>(this, Qt::Dialog | Qt::MSWindowsFixedSizeDialogHint);
+    dialog->setWindowTitle(w.caption);
+    dialog->setFixedSize(twipsToPx(w.clientTwips, m_dpi));
+    for (const design::Control &c : w.controls) {
+        QWidget *widget = makeControl(c, dialog.get());
+        widget->setObjectName(c.name);
+        widget->setGeometry(twipsToPx(c.twips, m_dpi));
+        if (c.font.points > 0 || c.font.bold)
+            widget->setFont(designFont(c.font, widget->font()));
+        if (auto *label = qobject_cast<QLabel *>(widget))
+            label->setWordWrap(true);
+        if (auto *ok = qobject_cast<QPushButton *>(widget)) {
+            // OK takes Enter as the default button and Escape as the cancel.
+            ok->setDefault(true);
+            connect(ok, &QPushButton::clicked, dialog.get(), &QDialog::accept);
+        }
+    }
+    return dialog;
+}
+
+std::unique_ptr<QDialog> ViewForm::makeBitInfForm(const BitInfRec &rec)
+{
+    auto dialog = std::make_unique<QDialog>(this, Qt::Dialog | Qt::MSWindowsFixedSizeDialogHint);
+    dialog->setWindowTitle(kBitInfFormCaption);
+    dialog->setFixedSize(twipsToPx(kBitInfFormClient, m_dpi));
+    auto state = std::make_shared<BitInfFormState>(BitInfFormLoad(rec));
+    QList<QWidget *> tabOrder(kBitInfFormLayout.size(), nullptr);
+    for (const FormControl &c : kBitInfFormLayout) {
+        QWidget *widget = nullptr;
+        switch (c.kind) {
+        case FormControlKind::Label:
+            widget = new QLabel(c.caption, dialog.get());
+            break;
+        case FormControlKind::TextBox: {
+            auto *box = new QLineEdit(state->Text1[c.index], dialog.get());
+            box->setReadOnly(c.readOnly);
+            const int i = c.index;
+            connect(box, &QLineEdit::textChanged, dialog.get(), [state, box, i](const QString &text) {
+                if (Text1Change(*state, i, text) && box->text() != state->Text1[i])
+                    box->setText(state->Text1[i]);
+            });
+            widget = box;
+            break;
+        }
+        case FormControlKind::Line: {
+            auto *line = new QFrame(dialog.get());
+            line->setFrameStyle(QFrame::HLine | QFrame::Sunken);
+            widget = line;
+            break;
+        }
+        case FormControlKind::Button: {
+            auto *button = new QPushButton(c.caption, dialog.get());
+            button->setDefault(true);
+            connect(button, &QPushButton::clicked, dialog.get(), &QDialog::accept);
+            widget = button;
+            break;
+        }
+        }
+        widget->setObjectName(design::controlId(QString::fromLatin1(c.name), c.index));
+        QRect r = c.rect;
+        if (c.kind == FormControlKind::Line)
+            r.setHeight(30);
+        widget->setGeometry(twipsToPx(r, m_dpi));
+        widget->setEnabled(c.enabled);
+        if (c.tabIndex >= 0 && c.tabIndex < tabOrder.size())
+            tabOrder[c.tabIndex] = widget;
+    }
+    QWidget *previous = nullptr;
+    for (QWidget *w : tabOrder) {
+        if (!w)
+            continue;
+        if (previous)
+            QWidget::setTabOrder(previous, w);
+        previous = w;
+    }
+    if (tabOrder.value(0))
+        tabOrder[0]->setFocus();
+    return dialog;
 }
 
 void ViewForm::endPro()

@@ -1,11 +1,14 @@
 #pragma once
+#include "bitinfform.h"
 #include "burn.h"
 #include "design.h"
+#include "gridedit.h"
 #include "link.h"
 #include "paramops.h"
 #include "params.h"
 #include "projectdb.h"
 #include "qtserialcontrol.h"
+#include "strip.h"
 
 #include <QHash>
 #include <QMainWindow>
@@ -13,10 +16,12 @@
 #include <memory>
 
 class QAction;
+class QDialog;
 class QComboBox;
 class QLabel;
 class QMenu;
 class QPlainTextEdit;
+class QStandardItemModel;
 class QTableView;
 class QTreeView;
 
@@ -44,6 +49,8 @@ public:
     Params params;
     ParamOps ops;
     ProjectDb db;
+    GridEdit edit;
+    ImageStrip strip;
 
     // A control by its design id ("Command4", "ComboSet(2)").
     QWidget *control(const QString &id) const { return m_controls.value(id); }
@@ -63,6 +70,10 @@ public:
     QTimer &tickTimer() { return m_tick; }
     // "Exit": ends the run without the close step.
     void endPro();
+    // The about box, built from its design; modal when shown.
+    std::unique_ptr<QDialog> makeAbout();
+    // BitInfForm for a record, as the read of the device information shows it.
+    std::unique_ptr<QDialog> makeBitInfForm(const BitInfRec &rec);
 
 protected:
     void resizeEvent(QResizeEvent *e) override;
@@ -82,6 +93,9 @@ private:
     void applyTreeExpansion(const QModelIndex &parent);
     void showPopup(const QPoint &globalPos);
     void runMenu(const QString &name);
+    void refreshEditors();
+    void gridDoubleClick(int i, const QModelIndex &index);
+    void setFocusTo(QWidget *w);
 
     Options m_opt;
     std::unique_ptr<SerialControl> m_ownPort;
@@ -104,6 +118,8 @@ private:
     qsizetype m_logShown = 0;             // characters of RTB already in the pane
     int m_front = -1;
     QString m_treeSelected;
+    QStandardItemModel *m_listModel = nullptr;   // the entries of MSFGList
+    quint32 m_editFocus = 0;                     // the last focus request of the editor taken
 };
 
 } // namespace pyro
