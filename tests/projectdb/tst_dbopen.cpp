@@ -276,24 +276,26 @@ private slots:
     {
         QTest::addColumn<QString>("damage");
         QTest::addColumn<QString>("found");
-        QTest::newRow("loop, reopened") << "next 3 -> 2" << "open";
-        QTest::newRow("loop, by AddTopLevel") << "next 3 -> 2" << "top";
-        QTest::newRow("subtree loop, by DeleteNode") << "child 4 -> 2" << "delete";
-        QTest::newRow("free record, by InsertBefore") << "free 3" << "insert";
-        QTest::newRow("header marked free, by AddChild") << "header 0" << "child";
-        QTest::newRow("free target, by a move") << "free 4" << "move";
+        QTest::addColumn<int>("node");   // selected for the edit (moved ahead of 4)
+        QTest::newRow("loop, reopened") << "next 3 -> 2" << "open" << 0;
+        QTest::newRow("loop, by AddTopLevel") << "next 3 -> 2" << "top" << 0;
+        QTest::newRow("subtree loop, by DeleteNode") << "child 4 -> 2" << "delete" << 2;
+        QTest::newRow("free record, by InsertBefore") << "free 3" << "insert" << 3;
+        QTest::newRow("header marked free, by AddChild") << "header 0" << "child" << 0;
+        QTest::newRow("free target, by a move") << "free 4" << "move" << 3;
     }
 
     void damagedCurrent()
     {
         QFETCH(QString, damage);
         QFETCH(QString, found);
+        QFETCH(int, node);
         DbFixture fx;
         const QString p = fx.threeItems();
         const QByteArray twin = fileBytes(TwinPath(p));
         spoil(p, damage);
         const QByteArray bytes = fileBytes(p);
-        fx.select(found == "child" ? 0 : found == "move" ? 3 : found == "delete" ? 2 : 3);
+        fx.select(node);
         if (found == "open")
             GuardedOpen(fx.db, p, "x", "y");
         else if (found == "top")
