@@ -65,6 +65,7 @@ void resetPages(Burn &b)
 void endBurn(Link &l)
 {
     l.view.Command4Caption = QStringLiteral("Program");
+    ++l.view.Command4Focus;
     l.ModeRequest = 0;
     l.StateWord = 0;
 }
@@ -137,6 +138,7 @@ void AttachBurn(Link &l, Burn &b)
 void Command4Click(Link &l, Burn &b)
 {
     l.ModeRequest = 0;
+    l.view.frontGrid = 0;
     if (l.view.Command4Caption == QLatin1String("Program")) {
         ShowProgress(l.view, l.BinPath, 0);
         if (!l.MBMC || !l.MBMC->isOpen())
@@ -156,6 +158,7 @@ void Command4Click(Link &l, Burn &b)
     }
     // Stop: the device is told nothing and stays in its loader.
     l.view.Command4Caption = QStringLiteral("Program");
+    ++l.view.Command4Focus;
     l.ModeRequest = 0;
     l.BurnArmed = 0;
     l.BurnBegun = 0;

@@ -37,6 +37,11 @@ struct View {
     bool PersLabVisible = false;
     int PersLabWidth = 0;                // twips
     QString RTB;                         // the log pane's whole text
+    // Which grid lies in front: 0 settings MSFG(0), 1 running values MSFG(1).
+    int frontGrid = 0;
+    // Asks the window to give Program the focus; counts up, so that two
+    // requests in a row are two.
+    quint32 Command4Focus = 0;
 };
 
 // Everything the tick owns: the port, the frame buffers, the exchange

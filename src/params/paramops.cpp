@@ -303,7 +303,7 @@ void MenuImgClick(ParamOps &ops, int index)
             return;
         if (l.ModeRequest == 1)
             return;
-        ops.frontGrid = 0;
+        ops.link->view.frontGrid = 0;
         l.ModeRequest = 2;
         break;
     case 1: // read
@@ -311,13 +311,13 @@ void MenuImgClick(ParamOps &ops, int index)
     case 3: // save
         if (burning)
             return;
-        ops.frontGrid = 0;
+        ops.link->view.frontGrid = 0;
         l.ModeRequest = uint8_t(index + 2);
         break;
     case 5: // watch running values
         if (burning)
             return;
-        ops.frontGrid = 1;
+        ops.link->view.frontGrid = 1;
         l.ModeRequest = 7;
         break;
     case 6: // device information

@@ -40,8 +40,6 @@ struct ParamOps {
     QByteArray BitInfBytes = QByteArray(kInfoSize, ' ');   // as last read, raw
     BitInfRec BitInf;
 
-    // Which grid the window shows in front: 0 settings, 1 running values.
-    int frontGrid = 0;
 
     // Shows BitInfForm for the record just read; the operation ends when it
     // returns. Empty: the operation ends at once (the command line).

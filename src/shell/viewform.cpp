@@ -198,7 +198,7 @@ ViewForm::ViewForm(const Options &options) : m_opt(options)
     InitPortBoxes(link.view);
     link.MBResult = -1;
     LoadParamTables(params, m_opt.appDir, m_opt.prompter);
-    ops.frontGrid = 0;
+    link.view.frontGrid = 0;
     OpenStartupDb(db, m_opt.appDir);
     refresh();
     setFullView(false);
@@ -797,9 +797,13 @@ void ViewForm::refresh()
     if (mark->isVisible() != strip.Shape2Visible)
         mark->setVisible(strip.Shape2Visible);
     refreshEditors();
+    if (m_programFocus != v.Command4Focus) {
+        m_programFocus = v.Command4Focus;
+        setFocusTo(control("Command4"));
+    }
 
-    if (m_front != ops.frontGrid) {
-        m_front = ops.frontGrid;
+    if (m_front != link.view.frontGrid) {
+        m_front = link.view.frontGrid;
         control(design::controlId("MSFG", m_front == 1 ? 1 : 0))->raise();
         control("InPutTxt(0)")->raise();
         control("MSFGList")->raise();

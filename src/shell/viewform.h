@@ -119,7 +119,8 @@ private:
     int m_front = -1;
     QString m_treeSelected;
     QStandardItemModel *m_listModel = nullptr;   // the entries of MSFGList
-    quint32 m_editFocus = 0;                     // the last focus request of the editor taken
+    quint32 m_editFocus = 0;
+    quint32 m_programFocus = 0;                     // the last focus request of the editor taken
 };
 
 } // namespace pyro

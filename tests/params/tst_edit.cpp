@@ -363,7 +363,7 @@ private slots:
         Params p;
         ParamOps ops;
         InstallParamOps(l, p, ops);
-        ops.frontGrid = 1;
+        l.view.frontGrid = 1;
         ImageStrip s;
         bool saved = false;
         s.saveItem = [&] { return saved = true; };
@@ -372,7 +372,7 @@ private slots:
         MenuImgMouseDown(s, l.view, button);
         MenuImgMouseUp(s, ops, button);
         QCOMPARE(int(l.ModeRequest), request);
-        QCOMPARE(ops.frontGrid, front);
+        QCOMPARE(l.view.frontGrid, front);
         QCOMPARE(s.Shape2BorderWidth, 1);
         QCOMPARE(l.view.SB[1], button == 0 ? "请先打开串口！" : "串口未打开");
         QVERIFY(!saved);

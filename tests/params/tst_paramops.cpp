@@ -471,15 +471,15 @@ private slots:
             {0, 2, 0}, {1, 3, 0}, {2, 4, 0}, {3, 5, 0}, {5, 7, 1}, {6, 6, -1}};
         for (const auto &c : cases) {
             // A burn is never displaced, not even by a Yes to the erase.
-            b.ops.frontGrid = -1;
+            b.link.view.frontGrid = -1;
             b.link.ModeRequest = 1;
             MenuImgClick(b.ops, c.button);
             QCOMPARE(b.link.ModeRequest, uint8_t(1));
-            QCOMPARE(b.ops.frontGrid, -1);
+            QCOMPARE(b.link.view.frontGrid, -1);
             b.link.ModeRequest = 0;
             MenuImgClick(b.ops, c.button);
             QCOMPARE(b.link.ModeRequest, c.request);
-            QCOMPARE(b.ops.frontGrid, c.front);
+            QCOMPARE(b.link.view.frontGrid, c.front);
         }
     }
 };
