@@ -43,7 +43,8 @@ CliCommand::CliCommand(const QString &n, const QString &description, const QStri
     parser.setApplicationDescription(description);
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
     parser.addHelpOption();
-    parser.addVersionOption();
+    // -v is --verbose here, so the version has the long name only.
+    parser.addOption(QCommandLineOption(QStringLiteral("version"), QStringLiteral("Displays the version.")));
 }
 
 static QString progName(const QString &name)

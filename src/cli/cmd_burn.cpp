@@ -114,14 +114,15 @@ int cliBurn(const QStringList &args)
     };
 
     const QString port = s.link.view.ComboSet[0].text;
+    QString lastLine;   // the progress line on a terminal, while it is open
     // Whatever happens after this point, a run that burned leaves its log in
     // the day's record; one that never began a chip leaves nothing.
     auto finish = [&](int exitCode, const QString &why) {
         if (s.port.isOpen())
             ClosePort(s.link);
         s.flushLog();
-        if (s.printLog && s.link.view.InfLab.size() && isatty(fileno(stdout)) && !json)
-            info << "\n";
+        if (!lastLine.isEmpty())
+            info << "\n";   // the redrawn progress line stays, closed
         if (!why.isEmpty())
             s.err << "pyrolink-cli burn: " << why << Qt::endl;
         if (burn.chipLog.begun > 0) {
@@ -156,7 +157,6 @@ int cliBurn(const QStringList &args)
     sinceProgress.start();
     int lastBytes = -1, lastRetries = 0, lastTenth = -1;
     bool wasActive = false;
-    QString lastLine;
     auto progress = [&] {
         const ChipLog &c = burn.chipLog;
         if (target > 1 && burn.ChipsDone >= target - 1)
@@ -188,7 +188,10 @@ int cliBurn(const QStringList &args)
             s.err << "chip " << burn.ChipsDone + 1 << ": function " << QStringLiteral("%1").arg(lastAnswer.function, 2, 16, QLatin1Char('0')).toUpper()
                   << " " << what << ", asked again (retry " << lastRetries << ")" << Qt::endl;
         }
-        const int bytes = burn.BinDone + burn.PageFill;
+        // The strip's bar: it only grows within a chip.
+        const View &v = s.link.view;
+        const int bytes = v.PersLabVisible && v.InfLabWidth > 20
+            ? int(qint64(burn.BinLen) * v.PersLabWidth / (v.InfLabWidth - 20)) : 0;
         if (bytes != lastBytes) {
             lastBytes = bytes;
             sinceProgress.restart();
