@@ -36,7 +36,6 @@ private slots:
             << QStringList{"header length and CRC good", "\t额定电流(A)\t37\t4\tlong\trange 0.5..300 /10 1 dp\t25.5\n"};
         QTest::newRow("refused") << QStringList{dir.filePath("Bad.For")} << 1
             << QStringList{"line 4: parameter cell in column 1: Width \"300\""};
-        QTest::newRow("no file") << QStringList{} << 2 << QStringList{"usage"};
     }
 
     void table()
