@@ -211,8 +211,11 @@ int CliSession::openPort(const QString &command)
         err << ": " << why << Qt::endl;
         return int(kExitPort);
     };
+    if (device.isEmpty())
+        return fail(QStringLiteral("not found"));
+    // Looked at before the open, whose refusals don't say which of these it was.
     struct stat st {};
-    if (device.isEmpty() || ::stat(QFile::encodeName(device).constData(), &st) != 0)
+    if (::stat(QFile::encodeName(device).constData(), &st) != 0)
         return fail(QStringLiteral("not found"));
     if (!S_ISCHR(st.st_mode))
         return fail(QStringLiteral("not a serial device"));
