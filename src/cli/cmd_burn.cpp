@@ -37,7 +37,7 @@ int cliBurn(const QStringList &args)
     cmd.add("keep-settings", "KeepInF: leave the settings pages as they are.");
     cmd.add("frame-len", "Bytes per write frame: 512, 256, 128, 64, 32 or 16.", "N", "512");
     cmd.add("order", "The order text stamped into the image.", "TEXT");
-    cmd.add("timeout", "Seconds a chip may go without progress (default 10).", "S", "10");
+    cmd.add("timeout", "Seconds a chip may go without progress, or the board without an answer (default 10).", "S", "10");
     cmd.add("total-timeout", "Seconds the whole run may take (default 0: no limit).", "S", "0");
     cmd.add("json", "One JSON object per finished or failed chip on stdout; everything else on stderr.");
     cmd.add("q,quiet", "Print only the result.");
@@ -175,8 +175,10 @@ int cliBurn(const QStringList &args)
             lastBytes = 0;
         }
         if (!c.active) {
-            // Waiting for a chip: an answering board is no reason to stop.
-            if (answered)
+            // Waiting for a chip: an answering board is no reason to stop, and
+            // with AutoLoad an empty bench after the first chip is the
+            // operator's time, limited only by --total-timeout.
+            if (answered || (autoLoad && c.begun > 0))
                 sinceProgress.restart();
             answered = false;
             return;
