@@ -170,6 +170,25 @@ private slots:
         QVERIFY(got[0].section(' ', 1, 1) != got[1].section(' ', 1, 1));
     }
 
+    // A record folder that can't be made: the burn goes on and says so once.
+    void unwritableRecord()
+    {
+        QTemporaryDir home;
+        QFile blocker(home.filePath("ProRecord(K0)"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        QByteArray image(1100, '\x5A');
+        image.replace(1024, 50, QByteArray(50, '\xFF'));   // a blank information block
+        QFile f(home.filePath("small.BIN"));
+        QVERIFY(f.open(QIODevice::WriteOnly) && f.write(image) == image.size());
+        f.close();
+        const CliRun r = cli({"burn", "--port", sim.path, "--file", f.fileName()}, home.path());
+        QVERIFY2(r.code == 0, qPrintable(r.err));
+        QCOMPARE(int(r.err.count("the chip record could not be written (the burn goes on)")), 1);
+        QVERIFY(r.err.contains("the day's record in " + home.filePath("ProRecord(K0)") + " could not be written"));
+        QVERIFY(r.out.contains("1 chip(s) done"));
+    }
+
     // A setting by its caption (read back by its row number): in range it
     // reaches the board's flash, out of range nothing changes; then one sample of the running values as CSV.
     void paramsByName()
