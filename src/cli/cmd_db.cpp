@@ -5,6 +5,7 @@
 #include "fileguard.h"
 #include "projectdb.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
 #include <QTextStream>
 
@@ -198,6 +199,10 @@ int cliDb(const QStringList &argsIn)
     const QString verb = args.takeFirst();
     if (verb == QLatin1String("-h") || verb == QLatin1String("--help"))
         return dbHelp(true);
+    if (verb == QLatin1String("--version")) {
+        QTextStream(stdout) << "pyrolink-cli " << QCoreApplication::applicationVersion() << Qt::endl;
+        return kExitOk;
+    }
     int at = -1;
     for (int i = 0; i < int(std::size(kDbVerbs)); ++i)
         if (verb == QLatin1String(kDbVerbs[i][0]))

@@ -8,6 +8,7 @@
 #include "paramops.h"
 #include "params.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QJsonDocument>
@@ -319,6 +320,10 @@ int cliParams(const QStringList &argsIn)
     const QString verb = args.takeFirst();
     if (verb == QLatin1String("-h") || verb == QLatin1String("--help"))
         return paramsHelp(true);
+    if (verb == QLatin1String("--version")) {
+        QTextStream(stdout) << "pyrolink-cli " << QCoreApplication::applicationVersion() << Qt::endl;
+        return kExitOk;
+    }
     QString summary;
     for (const auto &v : kVerbs)
         if (verb == QLatin1String(v[0]))

@@ -83,6 +83,7 @@ private slots:
             QTest::addRow("version %s", qPrintable(c)) << c.split(' ') + QStringList{"--version"} << "" << 0 << "out" << "pyrolink-cli 0.1\n";
         }
         QTest::newRow("help params") << QStringList{"params", "-h"} << "" << 0 << "out" << "  watch   the running values";
+        QTest::newRow("version db") << QStringList{"db", "--version"} << "" << 0 << "out" << "pyrolink-cli 0.1\n";
         QTest::newRow("no command") << QStringList{} << "" << 2 << "err" << "no command given";
         QTest::newRow("unknown command") << QStringList{"flash"} << "" << 2 << "err" << "unknown command 'flash'";
         QTest::newRow("unknown verb") << QStringList{"params", "dump"} << "" << 2 << "err" << "unknown verb 'dump'";
