@@ -1,4 +1,5 @@
 #pragma once
+#include "chiplog.h"
 #include "link.h"
 
 #include <QByteArray>
@@ -63,6 +64,8 @@ struct Burn {
     // The parameter engine, whose SetImage CurrSet puts into the image.
     // Null: CurrSet refuses the image.
     Params *params = nullptr;
+
+    ChipLog chipLog;
 };
 
 // --- the firmware image ----------------------------------------------------

@@ -157,6 +157,7 @@ void Command4Click(Link &l, Burn &b)
         return;
     }
     // Stop: the device is told nothing and stays in its loader.
+    ChipLogEnd(l, b, QStringLiteral("stopped"));
     l.view.Command4Caption = QStringLiteral("Program");
     ++l.view.Command4Focus;
     l.ModeRequest = 0;
@@ -168,6 +169,7 @@ void Command4Click(Link &l, Burn &b)
 
 void BurnStep(Link &l, Burn &b)
 {
+    ChipLogStep(l, b);
     switch (l.StateWord) {
     case 0: // reset
         if (l.BurnArmed == 1)

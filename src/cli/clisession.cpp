@@ -1,12 +1,28 @@
 #include "clisession.h"
+#include "fileguard.h"
 #include "portcontrol.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
 #include <QTimer>
+#include <cmath>
+#include <csignal>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace pyro;
+
+const QString kExitTable = QStringLiteral(
+    "Exit codes:\n"
+    "  0  done\n"
+    "  1  refused or failed\n"
+    "  2  usage error\n"
+    "  3  port: not found, in use, not a serial device, no permission, or lost\n"
+    "  4  no answer from the board, or a time limit passed\n"
+    "  5  interrupted (Ctrl-C)\n");
 
 void ConsolePrompter::message(const QString &text, const QString &title)
 {
@@ -19,20 +35,139 @@ bool ConsolePrompter::question(const QString &text, const QString &title)
     return answerYes;
 }
 
-QString takeOption(QStringList &args, const QString &name, const QString &def)
+// --- the command line --------------------------------------------------------
+
+CliCommand::CliCommand(const QString &n, const QString &description, const QString &syn)
+    : name(n), synopsis(syn)
 {
-    const int i = args.indexOf(name);
-    if (i < 0 || i + 1 >= args.size())
-        return def;
-    const QString v = args[i + 1];
-    args.remove(i, 2);
-    return v;
+    parser.setApplicationDescription(description);
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    parser.addHelpOption();
+    // -v is --verbose here, so the version has the long name only.
+    parser.addOption(QCommandLineOption(QStringLiteral("version"), QStringLiteral("Displays the version.")));
 }
 
-bool takeFlag(QStringList &args, const QString &name)
+static QString progName(const QString &name)
 {
-    return args.removeAll(name) > 0;
+    return name.isEmpty() ? QStringLiteral("pyrolink-cli") : QStringLiteral("pyrolink-cli ") + name;
 }
+
+void CliCommand::add(const QString &names, const QString &help, const QString &valueName, const QString &def)
+{
+    QCommandLineOption o(names.split(QLatin1Char(',')), help, valueName, def);
+    parser.addOption(o);
+}
+
+void CliCommand::addPortOptions()
+{
+    add("port", "The serial port: COMn or a device path.", "P");
+    add("baud", "Baud rate (default 57600).", "N", "57600");
+    add("parity", "None, Odd or Even (default None).", "P", "None");
+    add("data-bits", "Data bits (default 8).", "N", "8");
+    add("stop-bits", "Stop bits (default 1).", "N", "1");
+}
+
+QString CliCommand::helpText() const
+{
+    // Qt's first line names the program by its path; ours names the command.
+    QString text = parser.helpText();
+    const int nl = int(text.indexOf(QLatin1Char('\n')));
+    text = QStringLiteral("Usage: %1 [options]%2").arg(progName(name), synopsis.isEmpty() ? QString() : ' ' + synopsis)
+        + text.mid(nl);
+    return text + QLatin1Char('\n') + kExitTable;
+}
+
+int CliCommand::usageError(const QString &why)
+{
+    err << progName(name) << ": " << why << "\n"
+        << "Try '" << progName(name) << " --help'.\n";
+    err.flush();
+    return kExitUsage;
+}
+
+int CliCommand::parse(const QStringList &args, bool *done)
+{
+    *done = false;
+    if (!parser.parse(QStringList{QStringLiteral("pyrolink-cli")} + args)) {
+        // Qt's wording, turned into the name of the option and what is wrong.
+        QString e = parser.errorText();
+        static const QString missing = QStringLiteral("Missing value after '");
+        static const QString unknown = QStringLiteral("Unknown option '");
+        if (e.startsWith(missing))
+            e = e.mid(missing.size()).section(QLatin1Char('\''), 0, 0) + QStringLiteral(" needs a value");
+        else if (e.startsWith(unknown))
+            e = QStringLiteral("unknown option '") + e.mid(unknown.size()).section(QLatin1Char('\''), 0, 0) + '\'';
+        *done = true;
+        return usageError(e);
+    }
+    if (parser.isSet(QStringLiteral("help"))) {
+        out << helpText();
+        out.flush();
+        *done = true;
+        return kExitOk;
+    }
+    if (parser.isSet(QStringLiteral("version"))) {
+        out << "pyrolink-cli " << QCoreApplication::applicationVersion() << Qt::endl;
+        *done = true;
+        return kExitOk;
+    }
+    return kExitOk;
+}
+
+bool CliCommand::number(const QString &option, double min, double max, double *value)
+{
+    const QString text = parser.value(option);
+    bool ok = false;
+    const double v = text.toDouble(&ok);
+    if (!ok || !std::isfinite(v)) {
+        usageError(QStringLiteral("--%1: '%2' is not a number").arg(option, text));
+        return false;
+    }
+    if (v < min || v > max) {
+        usageError(QStringLiteral("--%1: %2 is out of range %3..%4").arg(option, text).arg(min).arg(max));
+        return false;
+    }
+    *value = v;
+    return true;
+}
+
+bool CliCommand::positional(int min, int max)
+{
+    const QStringList p = parser.positionalArguments();
+    if (p.size() > max) {
+        usageError(QStringLiteral("unexpected argument '%1'").arg(p.value(max)));
+        return false;
+    }
+    if (p.size() < min) {
+        usageError(synopsis.isEmpty() ? QStringLiteral("missing argument")
+                                      : QStringLiteral("missing argument: %1").arg(synopsis));
+        return false;
+    }
+    return true;
+}
+
+// --- signals -------------------------------------------------------------------
+
+namespace {
+volatile std::sig_atomic_t g_interrupted = 0;
+extern "C" void onInterrupt(int)
+{
+    g_interrupted = 1;
+}
+} // namespace
+
+bool CliInterrupted()
+{
+    return g_interrupted != 0;
+}
+
+void CliCatchSignals()
+{
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+}
+
+// --- the session -------------------------------------------------------------
 
 CliSession::CliSession()
 {
@@ -42,38 +177,105 @@ CliSession::CliSession()
     InitPortBoxes(link.view);
 }
 
-bool CliSession::takePortOptions(QStringList &args, QString *error)
+bool CliSession::takePortOptions(CliCommand &cmd)
 {
     auto &box = link.view.ComboSet;
-    box[0].text = takeOption(args, "--port", box[0].text);
-    box[1].text = takeOption(args, "--baud", box[1].text);
-    box[2].text = takeOption(args, "--parity", box[2].text);
-    box[3].text = takeOption(args, "--data-bits", box[3].text);
-    box[4].text = takeOption(args, "--stop-bits", box[4].text);
-    box[5].text = takeOption(args, "--frame-len", box[5].text);
-    for (int i = 1; i <= 5; ++i) {
-        if (!box[i].list.contains(box[i].text)) {
-            *error = QStringLiteral("'%1' is not one of: %2").arg(box[i].text, box[i].list.join(", "));
+    if (!cmd.parser.isSet("port"))
+        return cmd.usageError("--port is missing"), false;
+    box[0].text = cmd.parser.value("port");
+    const char *names[] = {nullptr, "baud", "parity", "data-bits", "stop-bits"};
+    for (int i = 1; i <= 4; ++i) {
+        const QString v = cmd.parser.value(QLatin1String(names[i]));
+        // The boxes' own spellings; parity is taken in any case.
+        QString match;
+        for (const QString &item : box[i].list)
+            if (item.compare(v, Qt::CaseInsensitive) == 0)
+                match = item;
+        if (match.isEmpty()) {
+            cmd.usageError(QStringLiteral("--%1: '%2' is not one of %3").arg(QLatin1String(names[i]), v, box[i].list.join(", ")));
             return false;
         }
+        box[i].text = match;
     }
     return true;
 }
 
-bool CliSession::openPort()
+int CliSession::openPort(const QString &command)
 {
+    const QString text = link.view.ComboSet[0].text;
+    const QString device = ResolvePortName(text, link.appDir);
+    auto fail = [&](const QString &why) {
+        err << "pyrolink-cli " << command << ": port " << text;
+        if (!device.isEmpty() && device != text)
+            err << " (" << device << ")";
+        err << ": " << why << Qt::endl;
+        return int(kExitPort);
+    };
+    if (device.isEmpty())
+        return fail(QStringLiteral("not found"));
+    // Looked at before the open, whose refusals don't say which of these it was.
+    struct stat st {};
+    if (::stat(QFile::encodeName(device).constData(), &st) != 0)
+        return fail(QStringLiteral("not found"));
+    if (!S_ISCHR(st.st_mode))
+        return fail(QStringLiteral("not a serial device"));
+    if (::access(QFile::encodeName(device).constData(), R_OK | W_OK) != 0)
+        return fail(QStringLiteral("no permission"));
+    // "Serial port error！" is said below, with its reason.
+    struct Silent : Prompter {
+        void message(const QString &, const QString &) override {}
+        bool question(const QString &, const QString &) override { return false; }
+        QString openFile(const QString &, const QString &, const QString &) override { return {}; }
+        QString saveFile(const QString &, const QString &, const QString &) override { return {}; }
+    } silent;
+    link.prompter = &silent;
     Command2Click(link);
-    return port.isOpen();
+    link.prompter = &prompter;
+    if (port.isOpen())
+        return kExitOk;
+    const QString why = port.errorText();
+    // The file is there and may be read and written: a refusal now is a
+    // lock or an exclusive open by another program, or no terminal at all.
+    if (why.contains(QLatin1String("ermission")) || why.contains(QLatin1String("busy"), Qt::CaseInsensitive)
+        || why.contains(QLatin1String("lock"), Qt::CaseInsensitive))
+        return fail(QStringLiteral("in use (%1)").arg(why));
+    return fail(QStringLiteral("not a serial device (%1)").arg(why));
 }
 
-bool CliSession::run(const std::function<bool()> &done, double seconds,
-                     const std::function<void()> &afterTick)
+QString OutcomeText(int16_t outcome)
+{
+    switch (outcome) {
+    case 0: return QStringLiteral("good");
+    case 1: return QStringLiteral("send timed out");
+    case 2: return QStringLiteral("no reply");
+    case 3: return QStringLiteral("too short");
+    case 4: return QStringLiteral("CRC wrong");
+    case 5: return QStringLiteral("wrong function");
+    default: return QStringLiteral("none");
+    }
+}
+
+void CliSession::traceExchanges()
+{
+    link.onExchange = [this](const ExchangeRecord &r) {
+        err << QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss.zzz"))
+            << (r.direction == ExchangeRecord::Sent ? " >> " : " << ")
+            << QStringLiteral("%1").arg(r.function, 2, 16, QLatin1Char('0')).toUpper() << "  "
+            << QString::fromLatin1(r.frame.toHex(' ').toUpper());
+        if (r.direction == ExchangeRecord::Received)
+            err << "  " << OutcomeText(r.outcome);
+        err << Qt::endl;
+    };
+}
+
+CliSession::End CliSession::run(const std::function<bool()> &done, double seconds,
+                                const std::function<void()> &afterTick)
 {
     QEventLoop loop;
     QTimer tick;
     tick.setTimerType(Qt::PreciseTimer);
     tick.setInterval(15);
-    bool timedOut = false;
+    End end = End::Done;
     QElapsedTimer clock;
     clock.start();
     QObject::connect(&tick, &QTimer::timeout, &loop, [&] {
@@ -81,23 +283,43 @@ bool CliSession::run(const std::function<bool()> &done, double seconds,
         if (afterTick)
             afterTick();
         flushLog();
-        if (done && done()) {
+        if (CliInterrupted()) {
+            end = End::Interrupted;
+            loop.quit();
+        } else if (done && done()) {
             loop.quit();
         } else if (seconds > 0 && clock.elapsed() >= qint64(seconds * 1000)) {
-            timedOut = true;
+            end = End::TimedOut;
             loop.quit();
         }
     });
     tick.start();
+    if (CliInterrupted())
+        return End::Interrupted;
     loop.exec();
-    return !timedOut;
+    return end;
 }
 
 void CliSession::flushLog()
 {
     if (link.view.RTB.size() > logPrinted) {
-        out << link.view.RTB.mid(logPrinted).replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
-        out.flush();
+        if (printLog) {
+            *logStream << link.view.RTB.mid(logPrinted).replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
+            logStream->flush();
+        }
         logPrinted = int(link.view.RTB.size());
     }
+}
+
+QString CheckInputFile(const QString &path, qint64 maxBytes)
+{
+    QString reason;
+    if (!CheckRegularFile(path, maxBytes, &reason))
+        return reason;
+    if (QFileInfo(path).size() == 0)
+        return QStringLiteral("empty: %1").arg(path);
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return QStringLiteral("can't be opened (%1): %2").arg(f.errorString(), path);
+    return {};
 }

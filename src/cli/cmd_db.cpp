@@ -2,8 +2,10 @@
 // showing and checking only read: they neither stamp nor copy the file.
 #include "clisession.h"
 #include "commands.h"
+#include "fileguard.h"
 #include "projectdb.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
 #include <QTextStream>
 
@@ -11,14 +13,37 @@ using namespace pyro;
 
 namespace {
 
-int usageDb()
+const char *const kDbVerbs[][3] = {
+    {"new", "FILE", "create an empty database (--force replaces a file)"},
+    {"tree", "FILE", "the tree, one item a line"},
+    {"show", "FILE REC", "every field of a record"},
+    {"check", "FILE", "walk every chain; exit 0 only when sound"},
+};
+
+int dbHelp(bool asked)
 {
-    QTextStream(stderr) << "usage: pyrolink-cli db new FILE [--force]   create an empty database\n"
-                           "       pyrolink-cli db tree FILE            the tree, one item a line\n"
-                           "       pyrolink-cli db show FILE REC        every field of a record\n"
-                           "       pyrolink-cli db check FILE           walk every chain; exit 0 only when sound\n"
-                           "  --key K   the field key of titles and notes (empty by default)\n";
-    return 2;
+    QTextStream stream(asked ? stdout : stderr);
+    stream << "Usage: pyrolink-cli db VERB FILE [options]\n\nVerbs:\n";
+    for (const auto &v : kDbVerbs)
+        stream << "  " << QString::fromLatin1(v[0]).leftJustified(6) << QString::fromLatin1(v[1]).leftJustified(10)
+               << QLatin1String(v[2]) << "\n";
+    stream << "\n'pyrolink-cli db VERB --help' tells the options of a verb.\n\n" << kExitTable;
+    return asked ? kExitOk : kExitUsage;
+}
+
+// A file that is there, and a database: what tree and show both ask first.
+bool openDatabase(DbFile &f, DbRecord &h, const QString &path)
+{
+    QString why;
+    if (!CheckRegularFile(path, qint64(1) << 31, &why) || !OpenDbFile(f, path, DbMode::Read)) {
+        QTextStream(stderr) << (why.isEmpty() ? f.error : why) << "\n";
+        return false;
+    }
+    if (f.length > 0 && (!GetRec(f, 1, h) || !AuthorLineMatches(h))) {
+        QTextStream(stderr) << path << ": " << kMsgTypeMismatch << "\n";
+        return false;
+    }
+    return true;
 }
 
 QString quoted(const QString &s)
@@ -35,6 +60,10 @@ QString hexBytes(const QByteArray &b)
 
 int dbNew(const QString &path, bool force)
 {
+    if (QFileInfo(path).isDir()) {
+        QTextStream(stderr) << "a folder, not a file: " << path << "\n";
+        return 1;
+    }
     if (QFileInfo::exists(path) && !force) {
         QTextStream(stderr) << path << " exists; --force replaces it\n";
         return 1;
@@ -54,15 +83,9 @@ int dbTree(const QString &path, const QString &key)
 {
     QTextStream out(stdout);
     DbFile f;
-    if (!OpenDbFile(f, path, DbMode::Read)) {
-        QTextStream(stderr) << f.error << "\n";
-        return 1;
-    }
     DbRecord h;
-    if (f.length > 0 && (!GetRec(f, 1, h) || !AuthorLineMatches(h))) {
-        QTextStream(stderr) << kMsgTypeMismatch << "\n";
+    if (!openDatabase(f, h, path))
         return 1;
-    }
     QStringList problems;
     int items = 0;
     if (f.length > 0 && FirstRec(h) > 0)
@@ -82,11 +105,14 @@ int dbShow(const QString &path, const QString &recText, const QString &key)
 {
     bool ok = false;
     const int32_t n = recText.toInt(&ok);
-    DbFile f;
-    if (!ok || !OpenDbFile(f, path, DbMode::Read)) {
-        QTextStream(stderr) << (ok ? f.error : QStringLiteral("not a record number: ") + recText) << "\n";
-        return ok ? 1 : 2;
+    if (!ok || n < 1) {
+        QTextStream(stderr) << "pyrolink-cli db show: REC: '" << recText << "' is not a record number\n";
+        return kExitUsage;
     }
+    DbFile f;
+    DbRecord h;
+    if (!openDatabase(f, h, path))
+        return 1;
     DbRecord r;
     if (!GetRec(f, n, r)) {
         QTextStream(stderr) << f.error << "\n";
@@ -147,6 +173,11 @@ int dbShow(const QString &path, const QString &recText, const QString &key)
 
 int dbCheck(const QString &path)
 {
+    QString why;
+    if (!CheckRegularFile(path, qint64(1) << 31, &why)) {
+        QTextStream(stderr) << why << "\n";
+        return 1;
+    }
     const QStringList problems = CheckDb(path);
     QTextStream out(stdout);
     for (const QString &p : problems)
@@ -163,19 +194,42 @@ int dbCheck(const QString &path)
 int cliDb(const QStringList &argsIn)
 {
     QStringList args = argsIn;
-    const bool force = args.removeAll(QStringLiteral("--force")) > 0;
-    const QString key = takeOption(args, QStringLiteral("--key"), QString());
-    if (args.size() < 2)
-        return usageDb();
-    const QString cmd = args[0];
-    const QString path = args[1];
-    if (cmd == "new" && args.size() == 2)
-        return dbNew(path, force);
-    if (cmd == "tree" && args.size() == 2)
-        return dbTree(path, key);
-    if (cmd == "show" && args.size() == 3)
-        return dbShow(path, args[2], key);
-    if (cmd == "check" && args.size() == 2)
-        return dbCheck(path);
-    return usageDb();
+    if (args.isEmpty())
+        return dbHelp(false);
+    const QString verb = args.takeFirst();
+    if (verb == QLatin1String("-h") || verb == QLatin1String("--help"))
+        return dbHelp(true);
+    if (verb == QLatin1String("--version")) {
+        QTextStream(stdout) << "pyrolink-cli " << QCoreApplication::applicationVersion() << Qt::endl;
+        return kExitOk;
+    }
+    int at = -1;
+    for (int i = 0; i < int(std::size(kDbVerbs)); ++i)
+        if (verb == QLatin1String(kDbVerbs[i][0]))
+            at = i;
+    if (at < 0) {
+        QTextStream(stderr) << "pyrolink-cli db: unknown verb '" << verb << "'\nTry 'pyrolink-cli db --help'.\n";
+        return kExitUsage;
+    }
+    CliCommand cmd("db " + verb, QString::fromLatin1(kDbVerbs[at][2]), QString::fromLatin1(kDbVerbs[at][1]));
+    if (verb == "new")
+        cmd.add("force", "Replace a file that is there.");
+    if (verb == "tree" || verb == "show")
+        cmd.add("key", "The field key of titles and notes (empty by default).", "K");
+    bool done = false;
+    const int code = cmd.parse(args, &done);
+    if (done)
+        return code;
+    const int count = verb == "show" ? 2 : 1;
+    if (!cmd.positional(count, count))
+        return kExitUsage;
+    const QStringList pos = cmd.parser.positionalArguments();
+    const QString key = verb == "tree" || verb == "show" ? cmd.parser.value("key") : QString();
+    if (verb == "new")
+        return dbNew(pos[0], cmd.parser.isSet("force"));
+    if (verb == "tree")
+        return dbTree(pos[0], key);
+    if (verb == "show")
+        return dbShow(pos[0], pos[1], key);
+    return dbCheck(pos[0]);
 }

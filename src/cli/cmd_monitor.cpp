@@ -3,18 +3,26 @@
 
 using namespace pyro;
 
-int cliMonitor(const QStringList &argsIn)
+int cliMonitor(const QStringList &args)
 {
-    QStringList args = argsIn;
+    CliCommand cmd("monitor", "Prints each new text of the link state (status panel 1) on its own line.");
+    cmd.addPortOptions();
+    cmd.add("seconds", "End after S seconds (default 0: until Ctrl-C).", "S", "0");
+    cmd.add("v,verbose", "Also print every exchange on the line.");
+    bool done = false;
+    int code = cmd.parse(args, &done);
+    if (done)
+        return code;
     CliSession s;
-    QString error;
-    const double seconds = takeOption(args, "--seconds", "0").toDouble();
-    if (!s.takePortOptions(args, &error) || !args.isEmpty()) {
-        s.err << "pyrolink-cli monitor: " << (error.isEmpty() ? "unknown option " + args.join(' ') : error) << Qt::endl;
-        return 2;
-    }
-    if (!s.openPort())
-        return 1;
+    double seconds = 0;
+    if (!cmd.positional(0, 0) || !s.takePortOptions(cmd) || !cmd.number("seconds", 0, 1e9, &seconds))
+        return kExitUsage;
+    CliCatchSignals();
+    if (cmd.parser.isSet("verbose"))
+        s.traceExchanges();
+    code = s.openPort("monitor");
+    if (code != kExitOk)
+        return code;
     QString shown;
     auto printPanel = [&] {
         if (s.link.view.SB[1] != shown) {
@@ -25,6 +33,5 @@ int cliMonitor(const QStringList &argsIn)
     printPanel();
     // Ends on its own only when the time is up; a port that goes away shows
     // "Open port first！" and the monitor goes on waiting like the window.
-    s.run({}, seconds, printPanel);
-    return 0;
+    return s.run({}, seconds, printPanel) == CliSession::End::Interrupted ? kExitInterrupted : kExitOk;
 }

@@ -98,17 +98,29 @@ QStringList rowWarnings(const ParamRow &row, const TableInfo &info)
 
 } // namespace
 
-int cliTable(const QStringList &argsIn)
+int cliTable(const QStringList &args)
 {
-    QStringList args = argsIn;
-    QTextStream out(stdout);
-    QTextStream err(stderr);
-    const QString imagePath = takeOption(args, QStringLiteral("--image"));
-    if (args.size() != 1 || args[0].startsWith(QLatin1String("--"))) {
-        err << "usage: pyrolink-cli table FILE [--image BIN]" << Qt::endl;
-        return 2;
+    CliCommand cmd("table", "Checks a table file as the loader does: prints the block size and every row, "
+                            "or the line and the rule that failed. With --image, the decoded value of each row.",
+                   "FILE");
+    cmd.add("image", "A block to decode with the table.", "BIN");
+    bool done = false;
+    const int code = cmd.parse(args, &done);
+    if (done)
+        return code;
+    if (!cmd.positional(1, 1))
+        return kExitUsage;
+    QTextStream &out = cmd.out;
+    QTextStream &err = cmd.err;
+    const QString path = cmd.parser.positionalArguments().at(0);
+    const QString imagePath = cmd.parser.value("image");
+    for (const QString &file : {path, imagePath}) {
+        const QString bad = file.isEmpty() ? QString() : CheckInputFile(file, 1 << 20);
+        if (!bad.isEmpty()) {
+            err << "pyrolink-cli table: " << bad << Qt::endl;
+            return kExitFailed;
+        }
     }
-    const QString path = args[0];
 
     GridModel grid;
     QList<ParamRow> rows;
@@ -130,8 +142,8 @@ int cliTable(const QStringList &argsIn)
     if (!imagePath.isEmpty()) {
         QString why;
         if (!ReadWholeFile(imagePath, 1 << 20, &block, &why)) {
-            err << imagePath << ": " << why << Qt::endl;
-            return 1;
+            err << "pyrolink-cli table: " << why << Qt::endl;
+            return kExitFailed;
         }
         haveImage = true;
         out << imagePath << ": " << block.size() << " bytes";

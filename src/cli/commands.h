@@ -2,7 +2,7 @@
 #include <QStringList>
 
 // Each command of pyrolink-cli takes the words after its name and gives the
-// process exit code: 0 success, non-zero failure.
+// process exit code from the one table in clisession.h.
 int cliPorts(const QStringList &args);
 int cliMonitor(const QStringList &args);
 int cliTable(const QStringList &args);

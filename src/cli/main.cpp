@@ -1,40 +1,50 @@
+#include "clisession.h"
 #include "commands.h"
 
 #include <QCoreApplication>
 #include <QTextStream>
-#include <cstdio>
 
-static int usage()
-{
-    QTextStream(stderr) << "usage: pyrolink-cli COMMAND [options]\n"
-                           "  ports                         list the ports that open\n"
-                           "  monitor --port P [--seconds S] print the link state as it changes\n"
-                           "  table FILE [--image BIN]      check a table file, decode a block\n"
-                           "  burn --port P --file F [...]  burn firmware into chips\n"
-                           "  params read|update|save|erase|watch|info --port P [...]\n"
-                           "  db new|tree|show|check FILE [...]\n"
-                           "common port options: --baud 57600 --parity None --data-bits 8 --stop-bits 1\n";
-    return 2;
-}
+namespace {
+
+struct Entry {
+    const char *name;
+    int (*run)(const QStringList &);
+    const char *summary;
+};
+const Entry kCommands[] = {
+    {"ports", cliPorts, "list the serial ports, their makers and which are in use"},
+    {"monitor", cliMonitor, "print the link state as it changes"},
+    {"table", cliTable, "check a table file, decode a block with it"},
+    {"burn", cliBurn, "burn firmware into chips"},
+    {"params", cliParams, "read, get, set, update, save, erase, watch the settings; info"},
+    {"db", cliDb, "create, list, show and check project databases"},
+};
+
+} // namespace
 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QStringList args = app.arguments().mid(1);
-    if (args.isEmpty())
-        return usage();
-    const QString cmd = args.takeFirst();
-    if (cmd == "ports")
-        return cliPorts(args);
-    if (cmd == "monitor")
-        return cliMonitor(args);
-    if (cmd == "table")
-        return cliTable(args);
-    if (cmd == "burn")
-        return cliBurn(args);
-    if (cmd == "params")
-        return cliParams(args);
-    if (cmd == "db")
-        return cliDb(args);
-    return usage();
+    QCoreApplication::setApplicationName(QStringLiteral("pyrolink-cli"));
+    QCoreApplication::setApplicationVersion(QString::fromLatin1(PYRO_VERSION));
+
+    QString summary = QStringLiteral("The engine of Pyrolink without a window, for production scripts.\n\nCommands:\n");
+    for (const Entry &e : kCommands)
+        summary += QStringLiteral("  %1%2\n").arg(QString::fromLatin1(e.name).leftJustified(9), QLatin1String(e.summary));
+    summary += QStringLiteral("\n'pyrolink-cli COMMAND --help' tells the options of a command.");
+    CliCommand top(QString(), summary, QStringLiteral("COMMAND [options]"));
+    top.parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+    top.parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("The command to run."));
+    bool done = false;
+    const int code = top.parse(app.arguments().mid(1), &done);
+    if (done)
+        return code;
+    QStringList rest = top.parser.positionalArguments();
+    if (rest.isEmpty())
+        return top.usageError(QStringLiteral("no command given"));
+    const QString cmd = rest.takeFirst();
+    for (const Entry &e : kCommands)
+        if (cmd == QLatin1String(e.name))
+            return e.run(rest);
+    return top.usageError(QStringLiteral("unknown command '%1'").arg(cmd));
 }

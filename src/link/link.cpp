@@ -24,6 +24,8 @@ void MBSend(Link &l, int16_t quietLimit, int16_t replyLimit, int16_t sendLimit)
     // once must find it. The input is not flushed: a late reply stays in
     // front of the next one and fails its CRC, and the retry clears the line.
     l.MBStep = 1;
+    if (l.onExchange)
+        l.onExchange({ExchangeRecord::Sent, l.ticks, uint8_t(l.MBTxBuf.size() > 1 ? l.MBTxBuf[1] : 0), l.MBTxBuf, 0});
     if (l.MBMC)
         l.MBMC->output(l.MBTxBuf);   // a refused frame ends as outcome 1
 }
@@ -99,6 +101,9 @@ void MBExchangeTick(Link &l)
         break;
     }
     if (l.MBStep == 3) {
+        if (l.onExchange)
+            l.onExchange({ExchangeRecord::Received, l.ticks, uint8_t(l.MBTxBuf.size() > 1 ? l.MBTxBuf[1] : 0),
+                          l.MBResult >= 3 || l.MBResult == 0 ? l.MBRxBuf : QByteArray(), l.MBResult});
         l.MBWait = 0;
         l.MBQuiet = 0;
         l.MBStep = 0;

@@ -44,6 +44,17 @@ struct View {
     quint32 Command4Focus = 0;
 };
 
+// One frame on the line, as the exchange engine saw it: what was sent, or
+// the block read back with the outcome it was judged to have (MBResult;
+// 1 and 2 carry no block). For line monitors and verbose logs.
+struct ExchangeRecord {
+    enum Direction { Sent, Received } direction = Sent;
+    qint64 tick = 0;                     // Link::ticks when it happened
+    uint8_t function = 0;                // of the frame sent
+    QByteArray frame;
+    int16_t outcome = 0;
+};
+
 // Everything the tick owns: the port, the frame buffers, the exchange
 // counters and the words that hand the line from mode to mode.
 struct Link {
@@ -83,6 +94,10 @@ struct Link {
     // One step of the state machine of LinkMode 1..7, filled by the burn and
     // the parameter operations. Mode 0 is the monitor below.
     std::array<std::function<void()>, 8> modeStep;
+
+    // Called for every frame sent and every outcome judged; unset, it costs
+    // one test per exchange.
+    std::function<void(const ExchangeRecord &)> onExchange;
 
     bool inTick = false;                 // a modal box inside a tick must not tick again
     qint64 ticks = 0;                    // ticks run, for benchmarks and the CLI

@@ -170,6 +170,8 @@ ViewForm::ViewForm(const Options &options) : m_opt(options)
     AttachPort(link, m_opt.port);
     AttachBurn(link, burn);
     burn.params = &params;
+    // Every chip burned in the window gets its line in the day's chip record.
+    burn.chipLog.folder = RecordFolder();
     InstallParamOps(link, params, ops);
     AttachDb(db, link);
     strip.saveItem = [this] { return MenuImg4Click(db, params, link); };

@@ -5,6 +5,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -365,6 +366,12 @@ int main(int argc, char **argv)
     std::signal(SIGINT, onSignal);
     std::signal(SIGPIPE, SIG_IGN);
 
+    // What the board took, for a script or a test to hold against the burner's record.
+    host.board().onImageClosed = [](const SimFinishedImage &f) {
+        const QByteArray image = f.flash.left(int(f.bytesDone));
+        say("closed " + f.identity.toHex().toUpper() + ' ' + QByteArray::number(f.bytesDone) + ' '
+            + QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex());
+    };
     host.start(!p.isSet(QStringLiteral("no-stdin")));
     say("ready " + QFile::encodeName(slave));
     return app.exec();

@@ -45,7 +45,6 @@ class TstBurnE2e : public QObject {
     Q_OBJECT
 private slots:
     void autoLoadThreeChips();
-    void cliBurn();
 };
 
 void TstBurnE2e::autoLoadThreeChips()
@@ -94,56 +93,6 @@ void TstBurnE2e::autoLoadThreeChips()
         QCOMPARE(int(l.view.RTB.count(QString(" Downloading the：%1 (chip)").arg(i))), 1);
     QCOMPARE(int(l.view.RTB.count(" Connecting the next chip...")), 3);
     Command2Click(l);
-}
-
-// The command line: one chip of the demo firmware with its record, then a
-// port that won't open, a silent board, and a run stopped by a signal.
-void TstBurnE2e::cliBurn()
-{
-    SimProcess sim;
-    QVERIFY(sim.start());
-    QTemporaryDir home;
-    const QString demo = PYRO_DATA_DIR "/demo-firmware.BIN";
-    auto burn = [&](const QString &port, const QStringList &more, const QByteArray &stopAfter = {}) {
-        return runCli(QStringList{"burn", "--port", port, "--file", demo} + more, home.path(), stopAfter);
-    };
-
-    const CliRun ok = burn(sim.path, {"--order", "订单-42", "--timeout", "100"});
-    QVERIFY2(ok.code == 0, qPrintable(ok.err));
-    QVERIFY(ok.out.contains(" File size：24380(Byte)\n"));
-    QVERIFY(ok.out.contains(" Has been successfully burning：1 (chip) " + demo + "\n"));
-    QVERIFY(ok.out.contains("progress 100% "));
-    const QStringList files = QDir(home.filePath("ProRecord(K0)")).entryList({"*(K0).Txt"}, QDir::Files);
-    QCOMPARE(files.size(), 1);
-    QVERIFY(ok.err.contains(files[0]));
-
-    // A refused image: one line in the log, the reason on stderr.
-    QByteArray used(2000, '\0');
-    used[1024] = 1;
-    QFile usedFile(home.filePath("used.BIN"));
-    QVERIFY(usedFile.open(QIODevice::WriteOnly) && usedFile.write(used) == used.size());
-    usedFile.close();
-    const CliRun refused = runCli({"burn", "--port", sim.path, "--file", usedFile.fileName()}, home.path());
-    QCOMPARE(refused.code, 1);
-    QVERIFY2(refused.out.endsWith(" File open error \n"), qPrintable(refused.out));
-    QVERIFY2(refused.err.contains("the image was refused: Information block not blank"), qPrintable(refused.err));
-
-    const CliRun noPort = burn(home.filePath("no-such-tty"), {});
-    QCOMPARE(noPort.code, 3);
-    QVERIFY(noPort.err.contains("cannot open port"));
-
-    sim.command("silent on");
-    const CliRun silent = burn(sim.path, {"--timeout", "2"});
-    QCOMPARE(silent.code, 4);
-    QVERIFY(silent.err.contains("time limit of 2 s passed; 0 chip(s) done"));
-    QVERIFY(silent.out.contains(" Cancel program"));
-
-    // An AutoLoad run stopped from outside still leaves its record.
-    const CliRun stopped = burn(sim.path, {"--auto"}, "File size");
-    QCOMPARE(stopped.code, 5);
-    QVERIFY(stopped.out.endsWith(" Cancel program\n"));
-    QVERIFY(stopped.err.contains("interrupted; 0 chip(s) done"));
-    QVERIFY(stopped.err.contains("log appended to"));
 }
 
 QTEST_GUILESS_MAIN(TstBurnE2e)

@@ -1,6 +1,8 @@
 #include "burn.h"
+#include "burnbench.h"
 #include "infoblock.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
@@ -22,6 +24,8 @@ class TstRecords : public QObject {
 private slots:
     void appendsInGbk();
     void defaultFolderAndFailures();
+    void chipRecord_data();
+    void chipRecord();
 };
 
 // Two closings on one day: one file named for the day, two entries; a closing
@@ -71,6 +75,57 @@ void TstRecords::defaultFolderAndFailures()
         QVERIFY(!AppendBurnRecord(full, l.now(), l.view.RTB));
     }
     qputenv("HOME", oldHome);
+}
+
+// One line per chip in the companion file, whatever became of the chip:
+// retries counted from the answers the burn had to ask again.
+void TstRecords::chipRecord_data()
+{
+    QTest::addColumn<int>("fault");      // SimFault, armed on function fn
+    QTest::addColumn<int>("count");
+    QTest::addColumn<int>("fn");
+    QTest::addColumn<bool>("stop");       // Stop clicked half-way
+    QTest::addColumn<QString>("result");
+    QTest::addColumn<int>("retries");
+    QTest::newRow("clean") << int(SimFault::None) << 0 << -1 << false << "done" << 0;
+    QTest::newRow("bad CRC on writes") << int(SimFault::CorruptCrc) << 3 << 0x07 << false << "done" << 3;
+    QTest::newRow("refused writes restart the page") << int(SimFault::Refuse) << 2 << 0x07 << false << "done" << 2;
+    // The good answer to entering download counts toward the limit too.
+    QTest::newRow("erase always refused") << int(SimFault::Refuse) << -1 << 0x05 << false << "failed" << kBurnRetryLimit - 1;
+    QTest::newRow("stopped") << int(SimFault::None) << 0 << -1 << true << "stopped" << 0;
+}
+
+void TstRecords::chipRecord()
+{
+    QFETCH(int, fault);
+    QFETCH(QString, result);
+    BurnBench b(BurnBench::Simulated);
+    b.burn.chipLog.folder = b.dir.filePath("records");
+    QList<ChipRecord> seen;
+    b.burn.chipLog.onRecord = [&](const ChipRecord &r) { seen << r; };
+    QFETCH(int, count);
+    QFETCH(int, fn);
+    if (fault != int(SimFault::None))
+        simArmFault(*b.sim, SimFault(fault), count, fn);
+    const QString path = b.start(3000);
+    QFETCH(bool, stop);
+    if (stop) {
+        QVERIFY(b.runUntil([&] { return b.burn.BinDone >= 1024; }));
+        Command4Click(b.link, b.burn);
+    }
+    QVERIFY(b.runUntil([&] { return !seen.isEmpty(); }));
+    Command4Click(b.link, b.burn);   // no second round of the refused chip
+
+    QCOMPARE(seen.size(), 1);
+    const ChipRecord &r = seen[0];
+    QCOMPARE(r.result, result);
+    QTEST(r.retries, "retries");
+    QCOMPARE(QByteArray(reinterpret_cast<const char *>(r.chipId.data()), 12), b.sim->chip.identity);
+    QCOMPARE(r.sha256, QCryptographicHash::hash(b.stamped(), QCryptographicHash::Sha256));
+    const QString csv = QString::fromUtf8(readAll(b.burn.chipLog.folder + "/2026.11.23(K0).csv"));
+    QCOMPARE(csv, ChipCsvHeader() + "\r\n" + ChipCsvLine(r) + "\r\n");
+    QVERIFY(csv.contains(",/dev/fake0," + QString::fromLatin1(b.sim->chip.identity.toHex().toUpper()) + ",BENCH-7," + path
+                         + ",3000," + QString::fromLatin1(r.sha256.toHex()) + ",0.000,"));
 }
 
 QTEST_GUILESS_MAIN(TstRecords)

@@ -66,6 +66,8 @@ void TstExchange::outcomes()
     QFETCH(int, result);
     LinkBench b;
     b.open();
+    QList<ExchangeRecord> seen;   // the observer a line monitor hangs on the engine
+    b.link.onExchange = [&](const ExchangeRecord &r) { seen << r; };
     b.port.deliver(early);
     b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
     MBExchangeTick(b.link);   // a tick while the frame is leaving
@@ -78,6 +80,11 @@ void TstExchange::outcomes()
     // reads nothing, and an idle engine reads nothing either.
     const QByteArray before = early + perTick.mid(0, endTick).join();
     const QByteArray after = perTick.mid(endTick).join();
+    QCOMPARE(seen.size(), 2);
+    QVERIFY(seen[0].direction == ExchangeRecord::Sent && seen[0].frame == b.link.MBTxBuf && seen[0].function == 0xF0);
+    QVERIFY(seen[1].direction == ExchangeRecord::Received && seen[1].function == 0xF0);
+    QCOMPARE(int(seen[1].outcome), result);
+    QCOMPARE(seen[1].frame, result == 2 ? QByteArray() : before);
     b.port.deliver(after);
     MBExchangeTick(b.link);
     if (result == 2) {

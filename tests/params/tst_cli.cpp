@@ -36,9 +36,6 @@ private slots:
             << QStringList{"header length and CRC good", "\t额定电流(A)\t37\t4\tlong\trange 0.5..300 /10 1 dp\t25.5\n"};
         QTest::newRow("refused") << QStringList{dir.filePath("Bad.For")} << 1
             << QStringList{"line 4: parameter cell in column 1: Width \"300\""};
-        QTest::newRow("no file") << QStringList{} << 2 << QStringList{"usage"};
-        QTest::newRow("image from a device") << QStringList{PYRO_TEST_DATA "/params/worked.For", "--image", "/dev/zero"}
-            << 1 << QStringList{"/dev/zero: not a regular file"};
     }
 
     void table()
