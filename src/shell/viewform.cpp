@@ -30,6 +30,7 @@
 #include <QTreeView>
 #include <QVBoxLayout>
 #include <QWheelEvent>
+#include <utility>
 
 namespace pyro {
 
@@ -465,13 +466,20 @@ void ViewForm::wireEvents()
         connect(m, &GridModel::rowsInserted, this, [this, i] { refreshGrid(i); });
         refreshGrid(i);
         connect(grid, &QTableView::pressed, this, [this, i](const QModelIndex &at) {
+            m_afterDblClick = false;
             params.MSFG[i].setCurrentCell(at.row(), at.column());
         });
         connect(grid, &QTableView::clicked, this, [this](const QModelIndex &) {
+            // The release that ends a double click is no click of its own.
+            if (std::exchange(m_afterDblClick, false))
+                return;
             MSFGClick(edit);
             refresh();
         });
-        connect(grid, &QTableView::doubleClicked, this, [this, i](const QModelIndex &at) { gridDoubleClick(i, at); });
+        connect(grid, &QTableView::doubleClicked, this, [this, i](const QModelIndex &at) {
+            m_afterDblClick = true;
+            gridDoubleClick(i, at);
+        });
         for (QScrollBar *bar : {grid->verticalScrollBar(), grid->horizontalScrollBar()}) {
             connect(bar, &QScrollBar::valueChanged, this, [this] {
                 MSFGScroll(edit);

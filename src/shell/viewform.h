@@ -106,6 +106,7 @@ private:
     bool m_ending = false;
     bool m_snapping = false;
     bool m_syncingTree = false;
+    bool m_afterDblClick = false;
 
     QWidget *m_canvas = nullptr;          // the design's client area, full size
     QWidget *m_viewport = nullptr;        // clips the canvas to the window
