@@ -21,6 +21,7 @@
 //   6 hand                a click (the next byte), then the next op
 //   7 wait                (next byte) ticks pass, then the next op
 // When the input ends, the line goes quiet for a while and the run ends.
+// While nothing is sent (the port closed) the ops are read every 40 ticks.
 #include "fuzzcommon.h"
 
 #include "burn.h"
@@ -43,6 +44,7 @@ namespace {
 constexpr int kMaxTicks = 6000;     // a whole run, however long the input
 constexpr int kQuietTail = 60;      // ticks after the input ends
 constexpr int kMaxRaw = 2047;
+constexpr int kIdleTicks = 40;      // ticks without a frame before the input is read anyway
 
 // Firmware files the hand can choose: burnable ones of several lengths,
 // one whose block is not blank, one too short, one that isn't there.
@@ -154,6 +156,8 @@ struct Run {
     // What the simulated board says to the frame; its own delays are skipped.
     QByteArray boardAnswer()
     {
+        if (request.isEmpty())
+            return {};
         pyro::simReceive(board, request);
         QByteArray out;
         for (int i = 0; i < 64 && out.isEmpty(); ++i)
@@ -249,9 +253,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     Run run;
     bool more = true;
     int quiet = 0;
+    int idle = 0;
     while (run.tick < kMaxTicks && quiet < kQuietTail) {
-        if (run.pending) {
+        // With the port closed nothing is sent; the input goes on after a
+        // while all the same, so that it can open the port again.
+        if (run.pending || ++idle >= kIdleTicks) {
+            if (!run.pending)
+                run.request.clear();
             run.pending = false;
+            idle = 0;
             if (more)
                 more = run.answer(in);
         }

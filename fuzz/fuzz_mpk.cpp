@@ -5,6 +5,12 @@
 // selects a node by its place in the tree (high five bits, 31: none) and
 // names the edit (low three bits).
 //
+// With n & 64 the file is given in short form, so that the links of many
+// records change with few bytes: 4 bytes of FirstRec for a sound header,
+// then 24 bytes a record: its numbers as the file holds them (22 bytes), a
+// byte that spells its keys, a byte for its expanded state. The rest of each
+// record is left empty.
+//
 // With PYRO_FUZZ_STRICT set in the environment a sound file must stay sound
 // through every edit, and the tree must equal what a fresh load shows.
 #include "fuzzcommon.h"
@@ -53,6 +59,39 @@ void describe(QStandardItem *parent, int depth, QStringList &out)
     }
 }
 
+// NodeKey and ParentKey spellings: the right one, and others that a loose
+// reading of a key would take for the same record.
+QByteArray spelledKey(int32_t rec, int style)
+{
+    const QString n = QString::number(rec);
+    switch (style & 3) {
+    case 0: return pyro::PadFixedText(pyro::NodeKeyText(rec));
+    case 1: return pyro::PadFixedText(QLatin1Char(' ') + n + QStringLiteral("KEY"));
+    case 2: return pyro::PadFixedText(n + QStringLiteral(" key x"));
+    default: return pyro::PadFixedText(QStringLiteral(" 0") + n + QStringLiteral("key"));
+    }
+}
+
+QByteArray expand(fuzz::Reader &in)
+{
+    pyro::DbRecord h = pyro::NewHeader(fuzz::fixedNow());
+    pyro::FirstRec(h) = int32_t(in.word() | (uint32_t(in.word()) << 16));
+    QByteArray file = pyro::EncodeRecord(h);
+    for (int32_t no = 2; !in.done(); ++no) {
+        const QByteArray nums = in.bytes(22).leftJustified(22, '\0');
+        const uint8_t keys = in.byte();
+        pyro::DbRecord r = pyro::DecodeRecord(nums + QByteArray(pyro::kRecordSize - 22, '\0'));
+        r.NodeKey = spelledKey((keys & 4) ? r.SelfRec : no, keys);
+        r.ParentKey = r.ParentRec >= 1 ? spelledKey(r.ParentRec, keys >> 3) : pyro::PadFixedText(QString());
+        if (keys & 32)
+            r.ParentKey = pyro::PadFixedText(QString());
+        r.Expanded = int16_t(int8_t(in.byte()));
+        pyro::PackField(r.Caption, QStringLiteral("n%1").arg(no), QString(), pyro::kCaptionLimit);
+        file += pyro::EncodeRecord(r);
+    }
+    return file;
+}
+
 bool strict()
 {
     static const bool on = qEnvironmentVariableIsSet("PYRO_FUZZ_STRICT");
@@ -72,9 +111,12 @@ void check(bool ok, const char *what)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::Reader in(data, size);
+    if (size == 0)
+        return 0;
     const int edits = in.byte() & 63;
     const QByteArray script = in.bytes(size_t(edits));
-    const QString path = fuzz::writeTemp(QStringLiteral("Fuzz.MPK"), in.rest());
+    const bool shortForm = data[0] & 64;
+    const QString path = fuzz::writeTemp(QStringLiteral("Fuzz.MPK"), shortForm ? expand(in) : in.rest());
 
     pyro::ScriptedPrompter prompter;
     pyro::ProjectDb db;
@@ -121,6 +163,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     // What the edits wrote is read back the way the next run would read it.
     pyro::GuardedOpen(db, path, QStringLiteral("refused"), QStringLiteral("Hint"));
-    pyro::CheckDb(path);
+    const QStringList problems = pyro::CheckDb(path);
+    // PYRO_FUZZ_TRACE=1 shows what a run came to, for checking seeds.
+    static const bool trace = qEnvironmentVariableIsSet("PYRO_FUZZ_TRACE");
+    if (trace)
+        fprintf(stderr, "opened %d, sound at open %d, nodes %d, boxes:\n%s\nproblems now:\n%s\n", db.DbOpen,
+                sound, pyro::NodeCount(db.tree), qPrintable(prompter.shown.join('\n')),
+                qPrintable(problems.join('\n')));
     return 0;
 }

@@ -53,6 +53,14 @@ def mpk_seed(edits, file_bytes):
     return bytes([len(edits)]) + edits + file_bytes
 
 
+def short_form(edits, first, recs):
+    """fuzz_mpk's short form: FirstRec, then numbers, key style, expanded."""
+    out = bytes([64 | len(edits)]) + edits + struct.pack('<i', first)
+    for used, parent, prev, nxt, child, self_no in recs:
+        out += struct.pack('<hiiiii', used, parent, prev, nxt, child, self_no) + bytes([0, 1])
+    return out
+
+
 def hand(*actions):
     out = bytearray()
     for a in actions:
@@ -88,6 +96,11 @@ def main():
         'worked-edits': mpk_seed(EDITS, worked_example()),
         'new-edits': mpk_seed(EDITS, header(-1)),
         'zero-length-edits': mpk_seed(EDITS[:3], b''),
+        'short-worked-edits': short_form(EDITS, 2, [(1, -1, -1, 3, 4, 2), (1, -1, 2, 0, 0, 3),
+                                                    (1, 2, -1, 0, 0, 4)]),
+        # Each record the only child of the one before, and a free one.
+        'short-deep-edits': short_form(EDITS, 2, [(1, n - 1 if n > 2 else -1, -1, 0, n + 1 if n < 31 else 0, n)
+                                                  for n in range(2, 32)] + [(0, 0, 0, 0, 0, 0)]),
     }
     for target, seeds in (('fuzz_mpk', mpk), ('fuzz_link', link_seeds())):
         os.makedirs(os.path.join(corpus, target), exist_ok=True)
