@@ -21,6 +21,9 @@
 //   6 hand                a click (the next byte), then the next op
 //   7 wait                (next byte) ticks pass, then the next op
 // When the input ends, the line goes quiet for a while and the run ends.
+//
+// With PYRO_FUZZ_STRICT set in the environment, a chip reported burned must
+// have been sent every byte of the image its burn started with.
 // While nothing is sent (the port closed) the ops are read every 40 ticks.
 #include "fuzzcommon.h"
 
@@ -76,6 +79,12 @@ const char *const kFrameLens[] = {"512", "256", "128", "64", "32", "16", "1", "0
                                   "32767", "99999", "abc", " 48x", "-5"};
 const char *const kTyped[] = {"0", "1", "-1", "65535", "1e9", "abc", "0.5"};
 
+bool strict()
+{
+    static const bool on = qEnvironmentVariableIsSet("PYRO_FUZZ_STRICT");
+    return on;
+}
+
 struct Run {
     pyro::Link link;
     pyro::FakePort port;
@@ -128,6 +137,8 @@ struct Run {
         port.onOutput = [this](const QByteArray &frame) {
             request = frame;
             pending = true;
+            if (strict())
+                shadowFlash(frame);
         };
         pyro::Command2Click(link);
     }
@@ -145,6 +156,58 @@ struct Run {
         }
         pyro::MBTimTimer(link);
         ++tick;
+        if (strict())
+            checkBurned();
+    }
+
+    // PYRO_FUZZ_STRICT: the pages the tool wrote since the chip entered its
+    // loader, as the frames it sent say; a chip reported burned must hold
+    // the image the burn was started with, every byte of it.
+    QByteArray shadow = QByteArray(pyro::kMaxImageLen + 2 * pyro::kFlashPageSize, '\0');
+    QByteArray shadowSet = QByteArray(shadow.size(), '\0');
+    int shadowPage = 0;
+    bool keepSeen = false;
+    qsizetype burnedLogs = 0;
+
+    void shadowFlash(const QByteArray &f)
+    {
+        const uint8_t fn = f.size() > 1 ? uint8_t(f[1]) : 0;
+        keepSeen = keepSeen || link.view.Check1[1];
+        if (fn == pyro::kFnEnterDownload) {
+            shadowSet.fill('\0');
+            keepSeen = link.view.Check1[1];
+        } else if (fn == pyro::kFnErasePage && f.size() >= 9) {
+            shadowPage = int(pyro::getLe32(f, 3)) - pyro::kFlashBase;
+            if (shadowPage >= 0 && shadowPage + pyro::kFlashPageSize <= shadow.size())
+                shadowSet.replace(shadowPage, pyro::kFlashPageSize, QByteArray(pyro::kFlashPageSize, '\0'));
+        } else if (fn == pyro::kFnWritePage && f.size() >= 9) {
+            const int off = pyro::getLe16(f, 3), count = pyro::getLe16(f, 5);
+            for (int i = 0; i < count && 7 + i < f.size() - 2; ++i) {
+                const int at = shadowPage + off + i;
+                if (at >= 0 && at < shadow.size()) {
+                    shadow[at] = f[7 + i];
+                    shadowSet[at] = 1;
+                }
+            }
+        }
+    }
+
+    void checkBurned()
+    {
+        static const QString done = QStringLiteral("Has been successfully burning");
+        const qsizetype n = link.view.RTB.count(done);
+        if (n == burnedLogs)
+            return;
+        burnedLogs = n;
+        for (int i = 0; i < burn.BinLen && i < shadow.size(); ++i) {
+            if (keepSeen && i >= pyro::kKeepFrom && i < pyro::kKeepTo && burn.BinLen >= pyro::kKeepTo)
+                continue;
+            if (!shadowSet[i] || shadow[i] != burn.BinData[i]) {
+                fprintf(stderr, "fuzz_link: chip reported burned, but byte %d of the image %s\n", i,
+                        shadowSet[i] ? "was written with other data" : "was never written");
+                std::abort();
+            }
+        }
     }
 
     void later(int ticks, const QByteArray &bytes)
