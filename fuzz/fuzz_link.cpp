@@ -54,10 +54,13 @@ constexpr int kIdleTicks = 40;      // ticks without a frame before the input is
 QStringList &images()
 {
     static QStringList paths = [] {
-        auto image = [](int len, bool blank) {
+        // Each file with bytes of its own, so that pages of two images differ.
+        int seed = 0;
+        auto image = [&seed](int len, bool blank) {
             QByteArray img(len, '\0');
+            ++seed;
             for (int i = 0; i < len; ++i)
-                img[i] = char((i * 37 + (i >> 8)) & 0xFF);
+                img[i] = char((i * 37 + (i >> 8) + seed * 101) & 0xFF);
             for (int i = pyro::kInfoOffset; i < pyro::kInfoOffset + pyro::kInfoSize && i < len; ++i)
                 img[i] = char(blank ? 0xFF : 0x12);
             return img;
