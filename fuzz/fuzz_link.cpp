@@ -20,16 +20,20 @@
 //                         made right again
 //   6 hand                a click (the next byte), then the next op
 //   7 wait                (next byte) ticks pass, then the next op
+// A click (op 6) is, by its byte mod 16: 0 Program/Stop, 1 Load File (of the
+// files below, by the next byte), 2 a frame length typed into ComboSet(5),
+// 3 KeepInF, 4 AutoLoad, 5 CurrSet, 6..11 the image buttons 0, 1, 2, 3, 5, 6,
+// 12 open/close the port, 13 the adapter pulled, 14 a ComboSet change, 15 a
+// value typed into a row of the settings grid.
+// While nothing is sent (the port closed) the ops are read every 40 ticks.
 // When the input ends, the line goes quiet for a while and the run ends.
 //
 // With PYRO_FUZZ_STRICT set in the environment, a chip reported burned must
-// have been sent every byte of the image its burn started with.
-// While nothing is sent (the port closed) the ops are read every 40 ticks.
+// have been sent every byte of the image it is reported with.
 #include "fuzzcommon.h"
 
 #include "burn.h"
 #include "codec.h"
-#include "crc16.h"
 #include "fakeport.h"
 #include "frame.h"
 #include "link.h"
