@@ -30,11 +30,20 @@ qint64 nowUs(const Link &l)
     return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
+void output(Link &l)
+{
+    if (!l.MBMC)
+        return;
+    // Bytes that came before the frame went out can't be its reply.
+    if (l.fastLine && !l.MBMC->peek(1).isEmpty())
+        l.fastGiveUp = true;
+    l.MBMC->output(l.MBTxBuf);   // a refused frame ends as outcome 1
+}
+
 void releaseHeld(Link &l)
 {
     l.fastHeld = false;
-    if (l.MBMC)
-        l.MBMC->output(l.MBTxBuf);   // a refused frame ends as outcome 1
+    output(l);
 }
 
 } // namespace
@@ -63,8 +72,7 @@ void MBSend(Link &l, int16_t quietLimit, int16_t replyLimit, int16_t sendLimit)
             return;
         }
     }
-    if (l.MBMC)
-        l.MBMC->output(l.MBTxBuf);   // a refused frame ends as outcome 1
+    output(l);
 }
 
 int FastReplyLength(const QByteArray &request, const QByteArray &head)
@@ -117,7 +125,7 @@ qint64 FastGapUs(const PortSettings &s)
 // longer become a good frame hand the reply to the quiet ticks for good.
 static bool fastTake(Link &l)
 {
-    if (!l.fastLine || l.fastGiveUp || l.MBStep != 2 || !l.MBMC)
+    if (!l.fastLine || l.fastGiveUp || l.fastSuspect || l.MBStep != 2 || !l.MBMC)
         return false;
     const QByteArray head = l.MBMC->peek(kFastMaxReply + 1);
     const int need = FastReplyLength(l.MBTxBuf, head);
@@ -172,6 +180,7 @@ static void fastArrival(Link &l)
     // Inside a tick (a modal box's own loop) the tick looks for itself.
     if (l.inTick || !l.MBMC || !l.MBMC->isOpen() || !fastTake(l))
         return;
+    l.fastSuspect = l.MBResult != 0;
     l.MBWait = 0;
     l.MBQuiet = 0;
     l.MBStep = 0;
@@ -274,6 +283,7 @@ void MBExchangeTick(Link &l)
         break;
     }
     if (l.MBStep == 3) {
+        l.fastSuspect = l.MBResult != 0;
         l.MBWait = 0;
         l.MBQuiet = 0;
         l.MBStep = 0;

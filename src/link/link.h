@@ -90,6 +90,9 @@ struct Link {
     PortSettings lineSettings;           // of the port last opened: the gap's length
     std::function<qint64()> clockUs;     // monotonic microseconds; empty = the steady clock
     bool fastGiveUp = false;             // this reply did not parse: judge it by silence
+    // A failed exchange may leave a late reply on its way; until silence has
+    // judged a good reply again, a frame that checks may be that one.
+    bool fastSuspect = false;
     bool fastHeld = false;               // MBTxBuf waits out the gap before it goes
     qint64 fastGapUntil = 0;             // clockUs of the end of the gap
     qint64 fastReplies = 0;              // exchanges the fast line ended, for benchmarks
