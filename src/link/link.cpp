@@ -43,7 +43,9 @@ void output(Link &l)
 void releaseHeld(Link &l)
 {
     l.fastHeld = false;
-    output(l);
+    // A port closed meanwhile gets nothing: the send limit ends the exchange.
+    if (l.MBMC && l.MBMC->isOpen())
+        output(l);
 }
 
 } // namespace

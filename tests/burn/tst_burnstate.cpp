@@ -244,10 +244,14 @@ void TstBurnState::faultsEndWithTheRightFlash()
         }
         if (!pages.isEmpty())
             QCOMPARE(seq.join(' '), pages);
+        // The burn's frames; the monitor's polls after it follow the clock,
+        // and so does the exchange a late reply lands in.
+        QList<QByteArray> frames = b.port.written;
+        frames.removeIf([](const QByteArray &f) { return uint8_t(f[1]) == kFnLinkPoll; });
         if (!fast)
-            normalFrames = b.port.written;
-        else
-            QCOMPARE(b.port.written, normalFrames);
+            normalFrames = frames;
+        else if (SimFault(fault) != SimFault::DelayReply)
+            QCOMPARE(frames, normalFrames);
         QVERIFY(!fast || b.link.fastReplies > 0);
     }
 }
