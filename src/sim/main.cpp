@@ -64,6 +64,7 @@ struct PacedPipe {
     double byteUs = 0;          // 0 = no pacing, everything at once
     QByteArray pending;
     double startUs = 0;         // when the first pending byte is fully on the line
+    double lastEndUs = 0;       // when the last byte taken was through
 
     void push(double nowUs, const QByteArray &bytes)
     {
@@ -78,6 +79,7 @@ struct PacedPipe {
         if (byteUs <= 0 || pending.isEmpty()) {
             QByteArray all = pending;
             pending.clear();
+            lastEndUs = nowUs;
             return all;
         }
         if (nowUs < startUs)
@@ -86,6 +88,7 @@ struct PacedPipe {
         const QByteArray head = pending.left(n);
         pending.remove(0, n);
         startUs += double(n) * byteUs;
+        lastEndUs = startUs - byteUs;
         if (pending.isEmpty())
             startUs -= byteUs;  // the line is free when the last byte has ended
         return head;
@@ -202,13 +205,14 @@ private:
     double nowUs() const { return double(m_clock.nsecsElapsed()) / 1000.0; }
 
     // Whatever of the master's frame has come through the line reaches the
-    // board; its replies due now go on the line at once.
+    // board; its replies due now go on the line from the moment the request
+    // was through, however late this timer came.
     void pump()
     {
         const QByteArray heard = m_in.take(nowUs());
         if (!heard.isEmpty()) {
             simReceive(m_board, heard);
-            m_out.push(nowUs(), simGiveOut(m_board));
+            m_out.push(std::min(m_in.lastEndUs, nowUs()), simGiveOut(m_board));
         }
         if (m_master >= 0)
             m_toWrite += m_out.take(nowUs());
@@ -220,7 +224,8 @@ private:
     {
         const qint64 target = m_clock.elapsed() / kSimMsPerTick;
         while (m_board.tick < target) {
-            m_out.push(nowUs(), simTick(m_board));
+            const QByteArray due = simTick(m_board);
+            m_out.push(std::min(double(m_board.tick) * kSimMsPerTick * 1000.0, nowUs()), due);
             if (m_board.tick % 66 == 0 && m_slave >= 0)
                 ::ioctl(m_slave, TIOCNXCL);   // a peer that died holding the port exclusive
         }
