@@ -18,6 +18,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/timerfd.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -176,6 +177,21 @@ public:
         m_timer.setInterval(m_in.byteUs > 0 ? 1 : 5);
         connect(&m_timer, &QTimer::timeout, this, [this] { advance(); });
         m_timer.start();
+        // The millisecond timer moves bytes along; the moment the last byte
+        // of a frame is through is met to the microsecond by a timer file.
+        if (m_in.byteUs > 0) {
+            m_endFd = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+            if (m_endFd >= 0) {
+                m_endNote = new QSocketNotifier(m_endFd, QSocketNotifier::Read, this);
+                connect(m_endNote, &QSocketNotifier::activated, this, [this] {
+                    uint64_t expirations = 0;
+                    if (::read(m_endFd, &expirations, sizeof expirations) < 0) {
+                        // EAGAIN: nothing expired after all
+                    }
+                    pump();
+                });
+            }
+        }
         if (readStdin) {
             m_stdinNote = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, this);
             connect(m_stdinNote, &QSocketNotifier::activated, this, [this] { readCommands(); });
@@ -217,6 +233,28 @@ private:
         if (m_master >= 0)
             m_toWrite += m_out.take(nowUs());
         flush();
+        armEnd();
+    }
+
+    // Wakes the host when the last pending byte of either direction is through.
+    void armEnd()
+    {
+        if (m_endFd < 0)
+            return;
+        double at = -1;
+        for (const PacedPipe *p : {&m_in, &m_out})
+            if (!p->pending.isEmpty()) {
+                const double end = p->startUs + double(p->pending.size() - 1) * p->byteUs;
+                at = at < 0 ? end : std::min(at, end);
+            }
+        itimerspec spec{};
+        if (at >= 0) {
+            const double leftUs = std::max(1.0, at - nowUs());
+            const qint64 ns = qint64(leftUs * 1000.0);
+            spec.it_value.tv_sec = time_t(ns / 1000000000);
+            spec.it_value.tv_nsec = long(ns % 1000000000);
+        }
+        ::timerfd_settime(m_endFd, 0, &spec, nullptr);   // zero disarms
     }
 
     // Board time follows the wall clock in whole ticks, however late the timer.
@@ -248,6 +286,11 @@ private:
 
     void closeLine()
     {
+        delete m_endNote;
+        m_endNote = nullptr;
+        if (m_endFd >= 0)
+            ::close(m_endFd);
+        m_endFd = -1;
         delete m_readNote;
         m_readNote = nullptr;
         if (m_slave >= 0)
@@ -342,6 +385,8 @@ private:
     int m_slave = -1;
     QSocketNotifier *m_readNote = nullptr;
     QSocketNotifier *m_stdinNote = nullptr;
+    QSocketNotifier *m_endNote = nullptr;
+    int m_endFd = -1;
     QTimer m_timer;
     QElapsedTimer m_clock;
     QByteArray m_toWrite;
