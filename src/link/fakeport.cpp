@@ -40,6 +40,13 @@ QByteArray FakePort::input()
     return all;
 }
 
+QByteArray FakePort::read(qsizetype n)
+{
+    const QByteArray head = m_input.left(n);
+    m_input.remove(0, head.size());
+    return head;
+}
+
 void FakePort::deliver(const QByteArray &bytes)
 {
     if (!m_open || bytes.isEmpty())

@@ -19,6 +19,8 @@ public:
     void clearInput() override { m_input.clear(); }
     void clearOutput() override {}
     QString errorText() const override { return m_error; }
+    QByteArray peek(qsizetype max) override { return m_input.left(max); }
+    QByteArray read(qsizetype n) override;
 
     // Bytes from the peer: queued for input, with a receive notice.
     void deliver(const QByteArray &bytes);

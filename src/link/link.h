@@ -101,6 +101,21 @@ struct Link {
 
     bool inTick = false;                 // a modal box inside a tick must not tick again
     qint64 ticks = 0;                    // ticks run, for benchmarks and the CLI
+
+    // The fast line: off by default, and nothing below matters while it is.
+    // A reply whose length is known from its function ends the exchange as
+    // soon as it is whole and checks; the owner of the line runs at once, and
+    // its next frame waits only the silence a serial peer needs.
+    bool fastLine = false;
+    PortSettings lineSettings;           // of the port last opened: the gap's length
+    std::function<qint64()> clockUs;     // monotonic microseconds; empty = the steady clock
+    bool fastGiveUp = false;             // this reply did not parse: judge it by silence
+    // A failed exchange may leave a late reply on its way; until silence has
+    // judged a good reply again, a frame that checks may be that one.
+    bool fastSuspect = false;
+    bool fastHeld = false;               // MBTxBuf waits out the gap before it goes
+    qint64 fastGapUntil = 0;             // clockUs of the end of the gap
+    qint64 fastReplies = 0;              // exchanges the fast line ended, for benchmarks
 };
 
 // --- the exchange engine ---------------------------------------------------
@@ -110,6 +125,16 @@ void MBBuildFrame(Link &l, uint8_t function, const QByteArray &body);
 void MBSend(Link &l, int16_t quietLimit, int16_t replyLimit, int16_t sendLimit);
 void MBExchangeTick(Link &l);
 void OnComm(Link &l, CommEvent ev);
+
+// --- the fast line ---------------------------------------------------------
+
+// The reply's whole length from the request and the reply's first bytes:
+// 0 = not enough bytes yet to tell, -1 = no length can be trusted.
+int FastReplyLength(const QByteArray &request, const QByteArray &head);
+// The silence before the next frame: 3.5 characters at the port's settings, in µs.
+qint64 FastGapUs(const PortSettings &s);
+// The end of the gap: a frame held back goes out now (the port's timer calls it).
+void FastWake(Link &l);
 
 // --- the tick --------------------------------------------------------------
 

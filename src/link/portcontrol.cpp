@@ -115,6 +115,7 @@ void Command2Click(Link &l)
     }
     l.MBMC->clearOutput();
     l.MBMC->clearInput();
+    l.lineSettings = ps;
     l.view.Command2Caption = QStringLiteral("CloseUart");
     l.view.Shape1 = qRgb(0, 255, 0);
     l.view.SB[1] = QStringLiteral("Serial uart has ben Opened");

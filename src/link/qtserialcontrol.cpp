@@ -2,6 +2,8 @@
 
 #include <QTimer>
 
+#include <algorithm>
+
 namespace pyro {
 
 QSerialPort::Parity QtParity(char parity)
@@ -65,6 +67,23 @@ QByteArray QtSerialControl::input()
     if (!m_port.isOpen())
         return {};
     return m_port.readAll();
+}
+
+QByteArray QtSerialControl::peek(qsizetype max)
+{
+    return m_port.isOpen() ? m_port.peek(max) : QByteArray();
+}
+
+QByteArray QtSerialControl::read(qsizetype n)
+{
+    return m_port.isOpen() ? m_port.read(n) : QByteArray();
+}
+
+bool QtSerialControl::wakeAfter(int ms, std::function<void()> callback)
+{
+    // Tied to this object, so that a port gone with its link calls nothing.
+    QTimer::singleShot(std::max(0, ms), Qt::PreciseTimer, this, std::move(callback));
+    return true;
 }
 
 void QtSerialControl::clearInput()

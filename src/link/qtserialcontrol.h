@@ -26,6 +26,9 @@ public:
     void clearInput() override;
     void clearOutput() override {}
     QString errorText() const override { return m_port.errorString(); }
+    QByteArray peek(qsizetype max) override;
+    QByteArray read(qsizetype n) override;
+    bool wakeAfter(int ms, std::function<void()> callback) override;
 
 private:
     void onError(QSerialPort::SerialPortError error);

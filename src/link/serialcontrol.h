@@ -40,6 +40,16 @@ public:
     virtual void clearOutput() = 0;
     virtual QString errorText() const = 0;
 
+    // For the fast line. The bytes received and not read, at most max, left in
+    // place; a control that can't look ahead gives none, and the fast line
+    // then judges every reply by silence.
+    virtual QByteArray peek(qsizetype max) { Q_UNUSED(max); return {}; }
+    // Takes n bytes off the front of the input.
+    virtual QByteArray read(qsizetype n) { Q_UNUSED(n); return {}; }
+    // Calls back after about ms milliseconds on the thread of the tick; false
+    // when there is no such timer (the next tick then does it).
+    virtual bool wakeAfter(int ms, std::function<void()> callback) { Q_UNUSED(ms); Q_UNUSED(callback); return false; }
+
     std::function<void(CommEvent)> onComm;
 };
 

@@ -12,12 +12,14 @@
 #include <QSocketNotifier>
 #include <QTimer>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/timerfd.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -58,11 +60,50 @@ void say(const QByteArray &line)
     std::fflush(stdout);
 }
 
+// One direction of the line at its rate: bytes queued now come out one
+// character time after another, never faster.
+struct PacedPipe {
+    double byteUs = 0;          // 0 = no pacing, everything at once
+    QByteArray pending;
+    double startUs = 0;         // when the first pending byte is fully on the line
+    double lastEndUs = 0;       // when the last byte taken was through
+
+    void push(double nowUs, const QByteArray &bytes)
+    {
+        if (bytes.isEmpty())
+            return;
+        if (pending.isEmpty())
+            startUs = std::max(startUs, nowUs) + byteUs;
+        pending += bytes;
+    }
+    QByteArray take(double nowUs)
+    {
+        if (byteUs <= 0 || pending.isEmpty()) {
+            QByteArray all = pending;
+            pending.clear();
+            lastEndUs = nowUs;
+            return all;
+        }
+        if (nowUs < startUs)
+            return {};
+        const qsizetype n = std::min(pending.size(), qsizetype((nowUs - startUs) / byteUs) + 1);
+        const QByteArray head = pending.left(n);
+        pending.remove(0, n);
+        startUs += double(n) * byteUs;
+        lastEndUs = startUs - byteUs;
+        if (pending.isEmpty())
+            startUs -= byteUs;  // the line is free when the last byte has ended
+        return head;
+    }
+};
+
 class SimHost : public QObject {
 public:
-    SimHost(const SimOptions &options, bool trace)
+    // lineByteUs > 0 paces both directions here, at that many µs a character.
+    SimHost(const SimOptions &options, bool trace, double lineByteUs)
         : m_board(options)
     {
+        m_in.byteUs = m_out.byteUs = lineByteUs;
         if (trace)
             m_board.onFrame = [](const QByteArray &frame, bool fromMaster) {
                 std::fprintf(stderr, "%s %s\n", fromMaster ? ">>" : "<<", toHexLine(frame).constData());
@@ -132,9 +173,26 @@ public:
     {
         m_clock.start();
         m_timer.setTimerType(Qt::PreciseTimer);
-        m_timer.setInterval(5);
+        // A paced line is looked at every millisecond, so that a frame is
+        // taken and answered as soon as its last character is through.
+        m_timer.setInterval(m_in.byteUs > 0 ? 1 : 5);
         connect(&m_timer, &QTimer::timeout, this, [this] { advance(); });
         m_timer.start();
+        // The millisecond timer moves bytes along; the moment the last byte
+        // of a frame is through is met to the microsecond by a timer file.
+        if (m_in.byteUs > 0) {
+            m_endFd = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+            if (m_endFd >= 0) {
+                m_endNote = new QSocketNotifier(m_endFd, QSocketNotifier::Read, this);
+                connect(m_endNote, &QSocketNotifier::activated, this, [this] {
+                    uint64_t expirations = 0;
+                    if (::read(m_endFd, &expirations, sizeof expirations) < 0) {
+                        // EAGAIN: nothing expired after all
+                    }
+                    pump();
+                });
+            }
+        }
         if (readStdin) {
             m_stdinNote = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, this);
             connect(m_stdinNote, &QSocketNotifier::activated, this, [this] { readCommands(); });
@@ -150,7 +208,7 @@ private:
         for (;;) {
             const ssize_t n = ::read(m_master, buf, sizeof buf);
             if (n > 0) {
-                simReceive(m_board, QByteArray(buf, int(n)));
+                m_in.push(nowUs(), QByteArray(buf, int(n)));
                 continue;
             }
             if (n < 0 && errno == EINTR)
@@ -158,6 +216,46 @@ private:
             // EAGAIN: all read. EIO would mean nobody holds the slave; we do.
             break;
         }
+        pump();
+    }
+
+    double nowUs() const { return double(m_clock.nsecsElapsed()) / 1000.0; }
+
+    // Whatever of the master's frame has come through the line reaches the
+    // board; its replies due now go on the line from the moment the request
+    // was through, however late this timer came.
+    void pump()
+    {
+        const QByteArray heard = m_in.take(nowUs());
+        if (!heard.isEmpty()) {
+            simReceive(m_board, heard);
+            m_out.push(std::min(m_in.lastEndUs, nowUs()), simGiveOut(m_board));
+        }
+        if (m_master >= 0)
+            m_toWrite += m_out.take(nowUs());
+        flush();
+        armEnd();
+    }
+
+    // Wakes the host when the last pending byte of either direction is through.
+    void armEnd()
+    {
+        if (m_endFd < 0)
+            return;
+        double at = -1;
+        for (const PacedPipe *p : {&m_in, &m_out})
+            if (!p->pending.isEmpty()) {
+                const double end = p->startUs + double(p->pending.size() - 1) * p->byteUs;
+                at = at < 0 ? end : std::min(at, end);
+            }
+        itimerspec spec{};
+        if (at >= 0) {
+            const double leftUs = std::max(1.0, at - nowUs());
+            const qint64 ns = qint64(leftUs * 1000.0);
+            spec.it_value.tv_sec = time_t(ns / 1000000000);
+            spec.it_value.tv_nsec = long(ns % 1000000000);
+        }
+        ::timerfd_settime(m_endFd, 0, &spec, nullptr);   // zero disarms
     }
 
     // Board time follows the wall clock in whole ticks, however late the timer.
@@ -165,13 +263,12 @@ private:
     {
         const qint64 target = m_clock.elapsed() / kSimMsPerTick;
         while (m_board.tick < target) {
-            const QByteArray out = simTick(m_board);
-            if (m_master >= 0)
-                m_toWrite += out;
+            const QByteArray due = simTick(m_board);
+            m_out.push(std::min(double(m_board.tick) * kSimMsPerTick * 1000.0, nowUs()), due);
             if (m_board.tick % 66 == 0 && m_slave >= 0)
                 ::ioctl(m_slave, TIOCNXCL);   // a peer that died holding the port exclusive
         }
-        flush();
+        pump();
     }
 
     void flush()
@@ -190,6 +287,11 @@ private:
 
     void closeLine()
     {
+        delete m_endNote;
+        m_endNote = nullptr;
+        if (m_endFd >= 0)
+            ::close(m_endFd);
+        m_endFd = -1;
         delete m_readNote;
         m_readNote = nullptr;
         if (m_slave >= 0)
@@ -198,6 +300,8 @@ private:
             ::close(m_master);
         m_slave = m_master = -1;
         m_toWrite.clear();
+        m_in.pending.clear();
+        m_out.pending.clear();
     }
 
     void readCommands()
@@ -282,9 +386,12 @@ private:
     int m_slave = -1;
     QSocketNotifier *m_readNote = nullptr;
     QSocketNotifier *m_stdinNote = nullptr;
+    QSocketNotifier *m_endNote = nullptr;
+    int m_endFd = -1;
     QTimer m_timer;
     QElapsedTimer m_clock;
     QByteArray m_toWrite;
+    PacedPipe m_in, m_out;
     QByteArray m_stdinText;
     QString m_linkPath;
 };
@@ -307,7 +414,7 @@ int main(int argc, char **argv)
     p.addHelpOption();
     p.addOption({QStringLiteral("link"), QStringLiteral("Symlink to the slave device."), QStringLiteral("path")});
     p.addOption({QStringLiteral("baud"), QStringLiteral("Line speed for pacing (57600)."), QStringLiteral("n"), QStringLiteral("57600")});
-    p.addOption({QStringLiteral("no-pace"), QStringLiteral("Give replies out at once.")});
+    p.addOption({QStringLiteral("no-pace"), QStringLiteral("Take requests and give replies at once.")});
     p.addOption({QStringLiteral("mode"), QStringLiteral("Board mode 1 loader, 2 running, 3 stopped."), QStringLiteral("n"), QStringLiteral("2")});
     p.addOption({QStringLiteral("id"), QStringLiteral("Chip identity, 24 hex digits."), QStringLiteral("hex")});
     p.addOption({QStringLiteral("erase-ticks"), QStringLiteral("Ticks a page erase takes."), QStringLiteral("n")});
@@ -323,8 +430,9 @@ int main(int argc, char **argv)
     const int baud = p.value(QStringLiteral("baud")).toInt(&ok);
     if (!ok || baud <= 0)
         return fail(QStringLiteral("bad --baud"));
-    if (!p.isSet(QStringLiteral("no-pace")))
-        o.bytesPerTick = baud / 10.0 * kSimMsPerTick / 1000.0;
+    // The line is paced here, both ways, character by character; the board
+    // itself gives its bytes out unpaced.
+    const double byteUs = p.isSet(QStringLiteral("no-pace")) ? 0.0 : 10.0 * 1e6 / baud;
     const int mode = p.value(QStringLiteral("mode")).toInt(&ok);
     if (!ok || mode < 1 || mode > 3)
         return fail(QStringLiteral("bad --mode"));
@@ -350,7 +458,7 @@ int main(int argc, char **argv)
             return fail(QStringLiteral("%1 is empty").arg(f.fileName()));
     }
 
-    SimHost host(o, p.isSet(QStringLiteral("trace")));
+    SimHost host(o, p.isSet(QStringLiteral("trace")), byteUs);
     for (const QString &given : p.values(QStringLiteral("fault"))) {
         const QStringList parts = given.split(QLatin1Char(':'));
         if (parts.size() > 3 || !SimHost::armFault(host.board(), parts.value(0), parts.value(1), parts.value(2)))

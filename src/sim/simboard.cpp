@@ -481,11 +481,16 @@ QByteArray simTick(SimBoard &b)
         simSwapChip(b);
     }
 
-    qint64 budget = std::numeric_limits<qint64>::max();
-    if (b.opt.bytesPerTick > 0) {
+    if (b.opt.bytesPerTick > 0)
         b.paceCredit += b.opt.bytesPerTick;
+    return simGiveOut(b);
+}
+
+QByteArray simGiveOut(SimBoard &b)
+{
+    qint64 budget = std::numeric_limits<qint64>::max();
+    if (b.opt.bytesPerTick > 0)
         budget = qint64(std::floor(b.paceCredit));
-    }
     QByteArray given;
     while (!b.out.isEmpty() && b.out.first().due <= b.tick && given.size() < budget) {
         SimPending &p = b.out.first();

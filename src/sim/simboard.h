@@ -144,6 +144,9 @@ void simReceive(SimBoard &b, const QByteArray &bytes);
 // One tick on: drops a half frame after a quiet gap, runs a pending swap, and
 // gives out the bytes that are due (to onTransmit, and returned).
 QByteArray simTick(SimBoard &b);
+// Gives out, without a tick passing, the reply bytes due by now: a host that
+// paces the line itself calls it as soon as a request is in.
+QByteArray simGiveOut(SimBoard &b);
 
 // Fault injection.
 void simArmFault(SimBoard &b, SimFault fault, int count = 1, int function = -1);

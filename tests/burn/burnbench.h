@@ -54,12 +54,14 @@ struct BurnBench {
     QList<QByteArray> due;                                      // replies for the next tick
     std::function<QByteArray(const QByteArray &)> responder;    // the device
     std::optional<pyro::SimBoard> sim;                          // or the simulated board
+    qint64 us = 0;                                              // the fast line's clock: 15 ms a tick
 
     enum Peer { Scripted, Simulated };
     explicit BurnBench(Peer peer = Scripted)
     {
         link.prompter = &prompter;
         link.now = [] { return QDateTime(QDate(2026, 11, 23), QTime(9, 30, 0)); };
+        link.clockUs = [this] { return us; };
         pyro::AttachPort(link, &port);
         pyro::AttachBurn(link, burn);
         pyro::InitPortBoxes(link.view);
@@ -80,6 +82,7 @@ struct BurnBench {
     void open() { pyro::Command2Click(link); }
     void tick()
     {
+        us += 15000;
         if (sim) {
             pyro::simStep(port, *sim, link);
             return;

@@ -30,6 +30,7 @@ QList<QPair<QByteArray, QByteArray>> readTranscript(const QString &path)
 class TstBurnState : public QObject {
     Q_OBJECT
 private slots:
+    void goldenTranscript_data();
     void goldenTranscript();
     void wholeImage_data();
     void wholeImage();
@@ -44,12 +45,22 @@ private slots:
     void oddFrameLengths();
 };
 
-// One chip of 2500 bytes at frame length 512: every frame byte for byte, in order.
+void TstBurnState::goldenTranscript_data()
+{
+    QTest::addColumn<bool>("fast");
+    QTest::newRow("normal") << false;
+    QTest::newRow("fast line") << true;
+}
+
+// One chip of 2500 bytes at frame length 512: every frame byte for byte, in
+// order, on the fast line as well.
 void TstBurnState::goldenTranscript()
 {
+    QFETCH(bool, fast);
     const auto script = readTranscript(PYRO_TEST_DATA "/burn/golden-2500.txt");
     QCOMPARE(script.size(), 13);
     BurnBench b;
+    b.link.fastLine = fast;
     int next = 0;
     QStringList bad;
     b.responder = [&](const QByteArray &req) -> QByteArray {
@@ -70,6 +81,7 @@ void TstBurnState::goldenTranscript()
     QCOMPARE(b.link.BurnArmed, int16_t(0));
     QCOMPARE(b.link.BurnBegun, int16_t(1));     // a normal end keeps it
     QCOMPARE(b.link.view.SB[1], QString("Link normal-download mode"));
+    QCOMPARE(b.link.fastReplies, fast ? qint64(script.size()) : 0);
 }
 
 void TstBurnState::wholeImage_data()
@@ -181,7 +193,8 @@ void TstBurnState::faultsEndWithTheRightFlash_data()
                               << r.starts << QString(r.pages);
 }
 
-// Whatever goes wrong on the line, the chip counted done holds the image.
+// Whatever goes wrong on the line, the chip counted done holds the image; the
+// fast line meets each fault with the same outcome and retry, frame for frame.
 void TstBurnState::faultsEndWithTheRightFlash()
 {
     QFETCH(int, fault);
@@ -191,43 +204,56 @@ void TstBurnState::faultsEndWithTheRightFlash()
     QFETCH(QByteArray, garbage);
     QFETCH(int, starts);
     QFETCH(QString, pages);
-    BurnBench b(BurnBench::Simulated);
-    SimBoard &board = *b.sim;
-    auto arm = [&] {
-        if (garbage.isEmpty())
-            simArmFault(board, SimFault(fault), count, function);
-        else
-            b.port.deliver(garbage);
-    };
-    if (atWrite == 0)
-        arm();
-    int writes = 0;
-    b.port.onOutput = [&](const QByteArray &frame) {
-        if (uint8_t(frame[1]) == kFnWritePage && ++writes == atWrite)
+    QList<QByteArray> normalFrames;
+    for (const bool fast : {false, true}) {
+        BurnBench b(BurnBench::Simulated);
+        b.link.fastLine = fast;
+        SimBoard &board = *b.sim;
+        auto arm = [&] {
+            if (garbage.isEmpty())
+                simArmFault(board, SimFault(fault), count, function);
+            else
+                b.port.deliver(garbage);
+        };
+        if (atWrite == 0)
             arm();
-        simReceive(board, frame);
-    };
-    b.start(3000);
-    QVERIFY(b.finish());
-    QCOMPARE(b.burn.ChipsDone, 1);
-    QCOMPARE(board.imagesClosed, 1);
-    QCOMPARE(b.logged(" Downloading the：1 (chip)"), starts);
-    QCOMPARE(simFlash(board, kFlashBase, 3000), b.stamped());
-    QStringList seq;
-    bool entered = false;
-    for (const QByteArray &f : b.port.written) {
-        const uint8_t fn = uint8_t(f[1]);
-        if (fn == kFnEnterDownload)
-            entered = true;
-        if (fn == kFnErasePage && std::exchange(entered, false))
-            QCOMPARE(uint8_t(f[7]), uint8_t(8));   // every start of a chip is from page 8
-        if (fn == kFnErasePage || fn == kFnClosePage)
-            seq << QString("%1%2").arg(fn == kFnErasePage ? 'E' : 'C').arg(uint8_t(f[7]));
-        else if (fn == kFnWritePage)
-            seq << QString("W%1").arg(getLe16(f, 3));
+        int writes = 0;
+        b.port.onOutput = [&](const QByteArray &frame) {
+            if (uint8_t(frame[1]) == kFnWritePage && ++writes == atWrite)
+                arm();
+            simReceive(board, frame);
+        };
+        b.start(3000);
+        QVERIFY(b.finish());
+        QCOMPARE(b.burn.ChipsDone, 1);
+        QCOMPARE(board.imagesClosed, 1);
+        QCOMPARE(b.logged(" Downloading the：1 (chip)"), starts);
+        QCOMPARE(simFlash(board, kFlashBase, 3000), b.stamped());
+        QStringList seq;
+        bool entered = false;
+        for (const QByteArray &f : b.port.written) {
+            const uint8_t fn = uint8_t(f[1]);
+            if (fn == kFnEnterDownload)
+                entered = true;
+            if (fn == kFnErasePage && std::exchange(entered, false))
+                QCOMPARE(uint8_t(f[7]), uint8_t(8));   // every start of a chip is from page 8
+            if (fn == kFnErasePage || fn == kFnClosePage)
+                seq << QString("%1%2").arg(fn == kFnErasePage ? 'E' : 'C').arg(uint8_t(f[7]));
+            else if (fn == kFnWritePage)
+                seq << QString("W%1").arg(getLe16(f, 3));
+        }
+        if (!pages.isEmpty())
+            QCOMPARE(seq.join(' '), pages);
+        // The burn's frames; the monitor's polls after it follow the clock,
+        // and so does the exchange a late reply lands in.
+        QList<QByteArray> frames = b.port.written;
+        frames.removeIf([](const QByteArray &f) { return uint8_t(f[1]) == kFnLinkPoll; });
+        if (!fast)
+            normalFrames = frames;
+        else if (SimFault(fault) != SimFault::DelayReply)
+            QCOMPARE(frames, normalFrames);
+        QVERIFY(!fast || b.link.fastReplies > 0);
     }
-    if (!pages.isEmpty())
-        QCOMPARE(seq.join(' '), pages);
 }
 
 void TstBurnState::identities_data()

@@ -14,6 +14,7 @@ using namespace pyro;
 class TstLinkE2e : public QObject {
     Q_OBJECT
 private slots:
+    void monitorFollowsTheBoard_data();
     void monitorFollowsTheBoard();
     void cliPortsAndMonitor();
     void floodOnTheLine();
@@ -21,16 +22,28 @@ private slots:
 
 // The texts of each state and the failure rhythm are the supervisor tests'
 // business; here the real port has to carry them and notice the far end go.
+// On the fast line the polls end by their length, through the real port.
+void TstLinkE2e::monitorFollowsTheBoard_data()
+{
+    QTest::addColumn<bool>("fast");
+    QTest::newRow("normal") << false;
+    QTest::newRow("fast line") << true;
+}
+
 void TstLinkE2e::monitorFollowsTheBoard()
 {
+    QFETCH(bool, fast);
     SimProcess sim;
     QVERIFY2(sim.start({"--mode", "2"}), "pyrolink-sim did not get ready");
     LiveLink live(sim.path);
+    live.link.fastLine = fast;
     const QString &status = live.link.view.SB[1];
 
     Command2Click(live.link);
     QVERIFY2(live.prompter.shown.isEmpty(), qPrintable(live.prompter.shown.join(';')));
     QTRY_COMPARE_WITH_TIMEOUT(status, QString("Link normal-run mode"), 5000);
+    if (fast)
+        QTRY_VERIFY_WITH_TIMEOUT(live.link.fastReplies > 2, 5000);
 
     // The board goes silent: every poll fails, and the sixth in a row shows.
     sim.command("silent on");

@@ -34,6 +34,8 @@ void TstExchange::outcomes_data()
     QTest::addColumn<QList<QByteArray>>("perTick");   // piece i comes just before tick i + 1
     QTest::addColumn<int>("endTick");                 // counted from the transmit-empty notice
     QTest::addColumn<int>("result");
+    QTest::addColumn<int>("fastEnd");                 // endTick on the fast line: the same outcome
+    QTest::addColumn<QByteArray>("request");          // function and body; empty: a poll
     const QByteArray poll = MBBuildFrame(0xF0, QByteArray(1, '\2'));
     const auto at = [](int tick, const QByteArray &bytes) { return QList<QByteArray>(tick - 1) << bytes; };
     QList<QByteArray> trickle;   // a byte on each of ticks 1..19
@@ -41,21 +43,38 @@ void TstExchange::outcomes_data()
         trickle << QByteArray(1, char(t));
 
     // Quiet limit 3, reply limit 20.
-    QTest::newRow("good") << QByteArray() << at(1, poll) << 3 << 0;
-    QTest::newRow("4 bytes good") << QByteArray() << at(1, MBBuildFrame(0xF0, {})) << 3 << 0;
-    QTest::newRow("3 bytes") << QByteArray() << at(1, poll.left(3)) << 3 << 3;
-    QTest::newRow("crc low byte first") << QByteArray() << at(1, fromHexLine("01 F0 00 64 00")) << 3 << 4;
-    QTest::newRow("wrong function") << QByteArray() << at(1, MBBuildFrame(0xF1, {})) << 3 << 5;
-    QTest::newRow("silent peer") << QByteArray() << QList<QByteArray>() << 20 << 2;
+    // The fast line ends a whole good reply on its arrival; everything else
+    // it leaves to the same quiet ticks.
+    QTest::newRow("good") << QByteArray() << at(1, poll) << 3 << 0 << 1 << QByteArray();
+    QTest::newRow("4 bytes good") << QByteArray() << at(1, MBBuildFrame(0xF0, {})) << 3 << 0 << 3 << QByteArray();
+    QTest::newRow("3 bytes") << QByteArray() << at(1, poll.left(3)) << 3 << 3 << 3 << QByteArray();
+    QTest::newRow("crc low byte first") << QByteArray() << at(1, fromHexLine("01 F0 00 64 00")) << 3 << 4 << 3 << QByteArray();
+    QTest::newRow("wrong function") << QByteArray() << at(1, MBBuildFrame(0xF1, {})) << 3 << 5 << 3 << QByteArray();
+    QTest::newRow("silent peer") << QByteArray() << QList<QByteArray>() << 20 << 2 << 20 << QByteArray();
     // A pause of 3 ticks inside a reply cuts it; the rest stays in the port.
-    QTest::newRow("split") << QByteArray() << (at(1, poll.left(3)) << QByteArray() << QByteArray() << poll.mid(3)) << 3 << 3;
+    QTest::newRow("split") << QByteArray() << (at(1, poll.left(3)) << QByteArray() << QByteArray() << poll.mid(3)) << 3 << 3 << 3 << QByteArray();
+    QTest::newRow("in two pieces") << QByteArray() << (at(1, poll.left(3)) << poll.mid(3)) << 4 << 0 << 2 << QByteArray();
     // Every byte restarts the quiet count, but the reply limit runs on.
-    QTest::newRow("trickle") << QByteArray() << trickle << 20 << 2;
-    QTest::newRow("just inside the limit") << QByteArray() << at(17, poll) << 19 << 0;
+    QTest::newRow("trickle") << QByteArray() << trickle << 20 << 2 << 20 << QByteArray();
+    // A good frame with more behind it in the same read is no whole reply.
+    QTest::newRow("babbler") << QByteArray() << (QList<QByteArray>{poll + "\x01"} + trickle) << 20 << 2 << 20 << QByteArray();
+    QTest::newRow("just inside the limit") << QByteArray() << at(17, poll) << 19 << 0 << 17 << QByteArray();
     // Bytes ahead of the notice are the start of the reply: nothing is
     // flushed, so a late reply to the last request spoils this one.
-    QTest::newRow("bytes while sending") << poll.left(2) << at(1, poll.mid(2)) << 3 << 0;
-    QTest::newRow("late reply in front") << poll << at(1, poll) << 3 << 4;
+    QTest::newRow("bytes while sending") << poll.left(2) << at(1, poll.mid(2)) << 3 << 0 << 3 << QByteArray();
+    QTest::newRow("late reply in front") << poll << at(1, poll) << 3 << 4 << 3 << QByteArray();
+    // A memory read: its length comes from the count the reply echoes.
+    const QByteArray read4 = fromHexLine("F4 00 10 00 20 04 00");
+    const QByteArray data4 = fromHexLine("00 00 00 00 04 00 0A 0B 0C 0D");
+    QTest::newRow("memory read") << QByteArray() << at(2, MBBuildFrame(0xF4, data4)) << 4 << 0 << 2 << read4;
+    QByteArray lie = data4;
+    lie[4] = 0x00, lie[5] = 0x04;   // says 1024 bytes follow
+    QTest::newRow("lying length, more") << QByteArray() << at(1, MBBuildFrame(0xF4, lie)) << 3 << 0 << 3 << read4;
+    QTest::newRow("lying length, fewer") << QByteArray() << at(1, MBBuildFrame(0xF4, data4.left(8))) << 3 << 0 << 3 << read4;
+    QByteArray big = data4;
+    big[4] = char(0xF8), big[5] = 0x03;   // 1016 asked and promised: 1026 bytes, past the bound
+    QTest::newRow("past the bound") << QByteArray() << at(1, MBBuildFrame(0xF4, big)) << 3 << 0 << 3
+                                    << QByteArray(read4).replace(5, 2, "\xF8\x03");
 }
 
 void TstExchange::outcomes()
@@ -64,34 +83,48 @@ void TstExchange::outcomes()
     QFETCH(QList<QByteArray>, perTick);
     QFETCH(int, endTick);
     QFETCH(int, result);
-    LinkBench b;
-    b.open();
-    QList<ExchangeRecord> seen;   // the observer a line monitor hangs on the engine
-    b.link.onExchange = [&](const ExchangeRecord &r) { seen << r; };
-    b.port.deliver(early);
-    b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
-    MBExchangeTick(b.link);   // a tick while the frame is leaving
-    QCOMPARE(b.link.MBResult, int16_t(0));   // 0 while under way: not yet success
-    b.port.pump();            // transmit-empty notice
-    QCOMPARE(runUntilIdle(b, 50, [&](int t) { b.port.deliver(perTick.value(t - 1)); }), endTick);
-    QCOMPARE(int(b.link.MBResult), result);
+    QFETCH(int, fastEnd);
+    QFETCH(QByteArray, request);
+    const int normalEnd = endTick;
+    for (const bool fast : {false, true}) {
+        LinkBench b;
+        b.open();
+        // No owner of the line: the fast line's own step does nothing.
+        b.link.fastLine = fast;
+        b.link.ModeRequest = b.link.LinkMode = 5;
+        QList<ExchangeRecord> seen;   // the observer a line monitor hangs on the engine
+        b.link.onExchange = [&](const ExchangeRecord &r) { seen << r; };
+        if (fast)
+            endTick = fastEnd;
+        b.port.deliver(early);
+        if (request.isEmpty())
+            b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
+        else
+            b.send(uint8_t(request[0]), request.mid(1), 3, 20, 20);
+        MBExchangeTick(b.link);   // a tick while the frame is leaving
+        QCOMPARE(b.link.MBResult, int16_t(0));   // 0 while under way: not yet success
+        b.port.pump();            // transmit-empty notice
+        QCOMPARE(runUntilIdle(b, 50, [&](int t) { b.port.deliver(perTick.value(t - 1)); }), endTick);
+        QCOMPARE(int(b.link.MBResult), result);
 
-    // A judged reply is all that came before its end; a timed-out exchange
-    // reads nothing, and an idle engine reads nothing either.
-    const QByteArray before = early + perTick.mid(0, endTick).join();
-    const QByteArray after = perTick.mid(endTick).join();
-    QCOMPARE(seen.size(), 2);
-    QVERIFY(seen[0].direction == ExchangeRecord::Sent && seen[0].frame == b.link.MBTxBuf && seen[0].function == 0xF0);
-    QVERIFY(seen[1].direction == ExchangeRecord::Received && seen[1].function == 0xF0);
-    QCOMPARE(int(seen[1].outcome), result);
-    QCOMPARE(seen[1].frame, result == 2 ? QByteArray() : before);
-    b.port.deliver(after);
-    MBExchangeTick(b.link);
-    if (result == 2) {
-        QCOMPARE(b.port.pending(), before + after);
-    } else {
-        QCOMPARE(b.link.MBRxBuf, before);
-        QCOMPARE(b.port.pending(), after);
+        // A judged reply is all that came before its end; a timed-out exchange
+        // reads nothing, and an idle engine reads nothing either.
+        const QByteArray before = early + perTick.mid(0, endTick).join();
+        const QByteArray after = perTick.mid(endTick).join();
+        QCOMPARE(seen.size(), 2);
+        QVERIFY(seen[0].direction == ExchangeRecord::Sent && seen[0].frame == b.link.MBTxBuf);
+        QVERIFY(seen[1].direction == ExchangeRecord::Received && seen[1].function == seen[0].function);
+        QCOMPARE(int(seen[1].outcome), result);
+        QCOMPARE(seen[1].frame, result == 2 ? QByteArray() : before);
+        b.port.deliver(after);
+        MBExchangeTick(b.link);
+        if (result == 2) {
+            QCOMPARE(b.port.pending(), before + after);
+        } else {
+            QCOMPARE(b.link.MBRxBuf, before);
+            QCOMPARE(b.port.pending(), after);
+        }
+        QCOMPARE(b.link.fastReplies, qint64(fast && fastEnd != normalEnd ? 1 : 0));
     }
 }
 

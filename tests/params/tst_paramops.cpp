@@ -59,6 +59,7 @@ struct OpsBench {
     QByteArray running = QByteArray::fromHex("DC05" "0000" "9D080000");   // 1500, 220.5 V
     QByteArray info;
     std::function<QByteArray(const QByteArray &)> answer;
+    qint64 us = 0;
 
     explicit OpsBench(const QByteArray &settings = workedTable())
     {
@@ -69,6 +70,7 @@ struct OpsBench {
         load(0, settings);
         load(1, tableBytes(kDisplayTable));
         InstallParamOps(link, params, ops);
+        link.clockUs = [this] { return us; };
         answer = [this](const QByteArray &req) { return standard(req); };
         port.onOutput = [this](const QByteArray &req) {
             const QByteArray r = answer(req);
@@ -103,6 +105,7 @@ struct OpsBench {
     void open() { Command2Click(link); }
     void tick()
     {
+        us += 15000;   // the fast line's clock
         port.pump();
         MBTimTimer(link);
     }
@@ -186,7 +189,8 @@ private slots:
 
     // What each operation makes of good, refused, silent, short, long, corrupt
     // and foreign replies: the panel-2 text ("" = untouched), one try only, and
-    // the monitor back on the line; watching goes on instead.
+    // the monitor back on the line; watching goes on instead. The fast line
+    // comes to the same.
     void replies_data()
     {
         QTest::addColumn<int>("mode");
@@ -222,33 +226,36 @@ private slots:
         QFETCH(int, mode);
         QFETCH(QByteArray, reply);
         QFETCH(QString, panel2);
-        OpsBench b;
-        // A read must bring its image: the one in place is no good.
-        b.params.SetImage = mode == 3 ? QByteArray(45, '\0') : exampleImage() + '\0';
-        b.answer = [&](const QByteArray &req) {
-            const uint8_t fn = uint8_t(req[1]);
-            return fn == kFnLinkPoll || fn == kFnDisplayAddress ? b.standard(req) : reply;
-        };
-        b.open();
-        b.link.view.SB[2] = "before";
-        if (mode == 7) {
-            // Watching reads on, without asking for the address again.
-            b.link.ModeRequest = 7;
-            QVERIFY(b.runUntil([&] { return b.opFrames().size() == 3; }));
-            QCOMPARE(uint8_t(b.opFrames()[2][1]), kFnReadMemory);
-            QCOMPARE(b.link.LinkMode, uint8_t(7));
-            QCOMPARE(b.params.DisplayImage.size(), 9);
-        } else {
-            QVERIFY(b.runMode(uint8_t(mode)));
-            QCOMPARE(b.opFrames().size(), 1);
-            QCOMPARE(b.params.SetImage.size(), 45);
-            QCOMPARE(b.ops.BitInfBytes.size(), kInfoSize);
-            const int polls = int(b.port.written.size());
-            b.ticks(10);
-            QCOMPARE(b.link.LinkMode, uint8_t(0));
-            QVERIFY(b.port.written.size() > polls);
+        for (const bool fast : {false, true}) {
+            OpsBench b;
+            b.link.fastLine = fast;
+            // A read must bring its image: the one in place is no good.
+            b.params.SetImage = mode == 3 ? QByteArray(45, '\0') : exampleImage() + '\0';
+            b.answer = [&](const QByteArray &req) {
+                const uint8_t fn = uint8_t(req[1]);
+                return fn == kFnLinkPoll || fn == kFnDisplayAddress ? b.standard(req) : reply;
+            };
+            b.open();
+            b.link.view.SB[2] = "before";
+            if (mode == 7) {
+                // Watching reads on, without asking for the address again.
+                b.link.ModeRequest = 7;
+                QVERIFY(b.runUntil([&] { return b.opFrames().size() == 3; }));
+                QCOMPARE(uint8_t(b.opFrames()[2][1]), kFnReadMemory);
+                QCOMPARE(b.link.LinkMode, uint8_t(7));
+                QCOMPARE(b.params.DisplayImage.size(), 9);
+            } else {
+                QVERIFY(b.runMode(uint8_t(mode)));
+                QCOMPARE(b.opFrames().size(), 1);
+                QCOMPARE(b.params.SetImage.size(), 45);
+                QCOMPARE(b.ops.BitInfBytes.size(), kInfoSize);
+                const int polls = int(b.port.written.size());
+                b.ticks(10);
+                QCOMPARE(b.link.LinkMode, uint8_t(0));
+                QVERIFY(b.port.written.size() > polls);
+            }
+            QCOMPARE(b.link.view.SB[2], panel2.isEmpty() ? QString("before") : panel2);
         }
-        QCOMPARE(b.link.view.SB[2], panel2.isEmpty() ? QString("before") : panel2);
     }
 
     void readSettings()
