@@ -13,6 +13,20 @@
 
 namespace pyro {
 
+namespace {
+
+// A single held as the grid shows it, to its decimals: 0.3 and not
+// 0.30000001192 in the plot and the CSV.
+bool shown(float s, int decimals, double &value)
+{
+    const QString t = FormatDecimals(double(s), decimals);
+    bool ok = false;
+    value = t.toDouble(&ok);
+    return ok;
+}
+
+} // namespace
+
 bool RowIsStep(const ParamRow &row)
 {
     return row.IsList == 1 || KindOf(row) == ValueKind::Bit;
@@ -44,8 +58,7 @@ bool RowValue(const ParamRow &row, const QByteArray &block, int limit, double &v
         return true;
     }
     case ValueKind::Long:
-        value = double(float(int32_t(getLe32(block, at)) / scale));
-        return true;
+        return shown(float(int32_t(getLe32(block, at)) / scale), row.Decimals, value);
     case ValueKind::Bit: {
         qint64 v = 0;
         if (row.BitIndex > 32 || !FitInteger(int32_t(getLe32(block, at)) / scale, INT32_MIN, INT32_MAX, v))
@@ -60,10 +73,11 @@ bool RowValue(const ParamRow &row, const QByteArray &block, int limit, double &v
         const double d = double(f) / scale;
         if (!std::isfinite(d) || std::fabs(d) > std::numeric_limits<float>::max())
             return false;
-        value = double(float(d));
-        if (row.IsList == 1)
-            value = std::floor(value);
-        return true;
+        if (row.IsList == 1) {
+            value = std::floor(double(float(d)));
+            return true;
+        }
+        return shown(float(d), row.Decimals, value);
     }
     default:
         return false;
