@@ -3,6 +3,9 @@
 // 200 running values, eight of them plotted: the tick period (mean, worst)
 // in each phase, and the cost of one exchange taken into the monitor and of
 // one sample taken into the plots. Usage: bench-monitor [--sim PATH]
+// [--shots DIR]: instead, the demo tables, faults put on the line during the
+// burn and three running values plotted for a minute, each window saved as a
+// picture into DIR (run under Xvfb to see them as they would be shown).
 #include "monitorwindow.h"
 #include "paramops.h"
 #include "plotwindow.h"
@@ -84,8 +87,13 @@ int main(int argc, char **argv)
     QTextStream out(stdout), err(stderr);
     QString simPath = QCoreApplication::applicationDirPath() + "/pyrolink-sim";
     const QStringList args = app.arguments();
-    if (args.size() > 2 && args[1] == "--sim")
-        simPath = args[2];
+    QString shots;
+    for (int i = 1; i + 1 < args.size(); i += 2) {
+        if (args[i] == "--sim")
+            simPath = args[i + 1];
+        else if (args[i] == "--shots")
+            shots = args[i + 1];
+    }
 
     QProcess sim;
     sim.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -106,12 +114,15 @@ int main(int argc, char **argv)
     for (const char *name : {"Config.For", "Config.MPK"})
         QFile::copy(bin + '/' + name, dir.filePath(name));
     QFile table(dir.filePath("Display.For"));
-    if (!table.open(QIODevice::WriteOnly) || table.write(syntheticDisplayTable()) < 0)
+    if (!shots.isEmpty())
+        QFile::copy(bin + "/Display.For", dir.filePath("Display.For"));
+    else if (!table.open(QIODevice::WriteOnly) || table.write(syntheticDisplayTable()) < 0)
         return 2;
     table.close();
     QByteArray img(32767, '\0');
     for (int i = 0; i < img.size(); ++i)
         img[i] = char((i * 131 + (i >> 9)) & 0xFF);
+    img.replace(1024, 50, QByteArray(50, char(0xFF)));   // the information block's place
     const QString path = dir.filePath("largest.BIN");
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly) || file.write(img) != img.size())
@@ -128,8 +139,13 @@ int main(int argc, char **argv)
     f.menuAction("LivePlots")->trigger();
     PlotWindow &plots = f.livePlots();
     const QList<int> rows = plots.plottableRows();
-    for (int i = 0; i < 8 && i < rows.size(); ++i)
-        plots.setPlotted(rows[i * (rows.size() / 8)], true);
+    if (shots.isEmpty()) {
+        for (int i = 0; i < 8 && i < rows.size(); ++i)
+            plots.setPlotted(rows[i * (rows.size() / 8)], true);
+    } else {
+        for (int r : {1, 3, 4})
+            plots.setPlotted(r, true);
+    }
     qobject_cast<QComboBox *>(f.control("ComboSet(0)"))->setEditText(pty);
     QTest::mouseClick(f.control("Command2"), Qt::LeftButton);
     waitUntil([&] { return f.link.view.SB[1].startsWith("Link normal"); }, 5000);
@@ -147,6 +163,14 @@ int main(int argc, char **argv)
     prompter.files = {path};
     QTest::mouseClick(f.control("Command3"), Qt::LeftButton);
     QTest::mouseClick(f.control("Command4"), Qt::LeftButton);
+    if (!shots.isEmpty()) {
+        // Faults on the line in the middle of the burn, then the monitor's picture.
+        waitUntil([] { return false; }, 3000);
+        sim.write("fault CorruptCrc 2\nfault DropReply 1\nfault WrongFunction 1\n");
+        waitUntil([] { return false; }, 2500);
+        f.lineMonitor().sync();
+        f.lineMonitor().grab().save(shots + "/monitor.png");
+    }
     waitUntil([&] { return f.link.view.RTB.contains("Has been successfully"); }, 120000);
     const bool burned = f.link.view.RTB.contains("Has been successfully");
     const qint64 exchanges = f.lineMonitor().log.total();
@@ -156,8 +180,14 @@ int main(int argc, char **argv)
     since.invalidate();
     MenuImgClick(f.ops, 5);
     f.refresh();
-    waitUntil([] { return false; }, 15000);
+    waitUntil([] { return false; }, shots.isEmpty() ? 15000 : 62000);
     phase = nullptr;
+    if (!shots.isEmpty()) {
+        plots.canvas()->endMs = plots.clock();
+        plots.grab().save(shots + "/plots.png");
+        f.lineMonitor().sync();
+        f.lineMonitor().grab().save(shots + "/monitor-after.png");
+    }
     const qint64 polls = f.ops.displayPolls;
 
     // One exchange into the monitor: the ring full, as after a long day.
@@ -195,6 +225,8 @@ int main(int argc, char **argv)
                .arg(appendNs, 0, 'f', 0).arg(syncNs, 0, 'f', 0);
     out << QString("one sample into the plots: %1 ns; a redraw of 8 curves at %2 samples each: %3 ms\n")
                .arg(recordNs, 0, 'f', 0).arg(plots.store.samples(plots.store.rows().first()).size()).arg(paintMs, 0, 'f', 2);
+    if (!burned)
+        out << "the log's end:\n" << f.link.view.RTB.right(600) << "\n";
     sim.write("quit\n");
     if (!sim.waitForFinished(3000))
         sim.kill();

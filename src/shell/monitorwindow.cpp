@@ -58,6 +58,8 @@ QVariant MonitorModel::data(const QModelIndex &index, int role) const
         default: return {};
         }
     }
+    if (role == Qt::ToolTipRole && index.column() == Bytes && r.frame.size() > 14)
+        return QString::fromLatin1(r.frame.left(256).toHex(' ').toUpper()) + (r.frame.size() > 256 ? QStringLiteral(" ...") : QString());
     if (role == Qt::ForegroundRole && r.direction == ExchangeRecord::Received && r.outcome != 0)
         return QColor(200, 0, 0);
     if (role == Qt::ForegroundRole && r.direction == ExchangeRecord::Sent)
@@ -176,7 +178,7 @@ MonitorWindow::MonitorWindow(Link &link, Prompter *prompter, QWidget *parent)
     mono.setStyleHint(QFont::TypeWriter);
     m_table->setFont(mono);
     const int ch = QFontMetrics(mono).horizontalAdvance(QLatin1Char('0'));
-    const int widths[] = {13, 8, 4, 4, 5, 60, 22, 18};
+    const int widths[] = {13, 7, 3, 3, 5, 42, 16, 18};
     for (int c = 0; c < MonitorModel::ColumnCount; ++c)
         m_table->setColumnWidth(c, widths[c] * ch + 12);
 
