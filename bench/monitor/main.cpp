@@ -167,7 +167,7 @@ int main(int argc, char **argv)
         // Faults on the line in the middle of the burn, then the monitor's picture.
         waitUntil([] { return false; }, 3000);
         sim.write("fault CorruptCrc 2\nfault DropReply 1\nfault WrongFunction 1\n");
-        waitUntil([] { return false; }, 2500);
+        waitUntil([] { return false; }, 900);
         f.lineMonitor().sync();
         f.lineMonitor().grab().save(shots + "/monitor.png");
     }

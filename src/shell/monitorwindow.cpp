@@ -178,14 +178,14 @@ MonitorWindow::MonitorWindow(Link &link, Prompter *prompter, QWidget *parent)
     mono.setStyleHint(QFont::TypeWriter);
     m_table->setFont(mono);
     const int ch = QFontMetrics(mono).horizontalAdvance(QLatin1Char('0'));
-    const int widths[] = {13, 7, 3, 3, 5, 42, 16, 18};
+    const int widths[] = {12, 6, 3, 3, 4, 38, 16, 18};
     for (int c = 0; c < MonitorModel::ColumnCount; ++c)
         m_table->setColumnWidth(c, widths[c] * ch + 12);
 
     auto *layout = new QVBoxLayout(this);
     layout->addLayout(bar);
     layout->addWidget(m_table);
-    resize(1100, 600);
+    resize(1180, 600);
 
     connect(clearButton, &QPushButton::clicked, this, &MonitorWindow::clear);
     connect(copyButton, &QPushButton::clicked, this, &MonitorWindow::copySelected);

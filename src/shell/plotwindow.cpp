@@ -79,7 +79,10 @@ void PlotCanvas::paintEvent(QPaintEvent *)
         p.drawLine(QPointF(x, 0), QPointF(x, axisY));
         p.setPen(QColor(90, 90, 90));
         const QString label = s == 0 ? QStringLiteral("now") : QStringLiteral("-%1 s").arg(s);
-        p.drawText(QRectF(x - 40, axisY + 2, 80, axisH - 2), Qt::AlignHCenter | Qt::AlignTop, label);
+        // The oldest label stays inside the picture.
+        const double lx = std::max(0.0, x - 40);
+        p.drawText(QRectF(lx, axisY + 2, 80, axisH - 2), (lx > 0 ? Qt::AlignHCenter : Qt::AlignLeft) | Qt::AlignTop,
+                   label);
     }
 
     if (curves.isEmpty()) {
@@ -131,9 +134,21 @@ void PlotCanvas::paintEvent(QPaintEvent *)
             hi += pad;
         }
         auto yOf = [&](double v) { return plotBottom - (v - lo) * (plotBottom - plotTop) / (hi - lo); };
-        p.setPen(QColor(130, 130, 130));
-        p.drawText(QPointF(right + 6, plotTop + fm.ascent()), valueText(hi));
-        p.drawText(QPointF(right + 6, plotBottom), valueText(lo));
+        // The band's scale, small and grey inside its right edge; the
+        // current value goes outside it, where nothing else is written.
+        p.setPen(QColor(140, 140, 140));
+        const QRectF scaleBox(left, plotTop, plotW - 4, plotBottom - plotTop);
+        if (!cv.step) {
+            p.drawText(scaleBox, Qt::AlignRight | Qt::AlignTop, QString::number(hi, 'g', 4));
+            p.drawText(scaleBox, Qt::AlignRight | Qt::AlignBottom, QString::number(lo, 'g', 4));
+        } else {
+            // A step row's levels by name, where they lie.
+            for (auto it = cv.labels.cbegin(); it != cv.labels.cend(); ++it) {
+                if (it.key() >= lo && it.key() <= hi)
+                    p.drawText(QRectF(left, yOf(it.key()) - fm.height(), plotW - 4, fm.height()),
+                               Qt::AlignRight | Qt::AlignBottom, it.value());
+            }
+        }
 
         // Many samples to a pixel column: keep the first, lowest, highest and
         // last of each column, so a ten-minute span draws as fast as ten seconds.
@@ -187,7 +202,9 @@ void PlotCanvas::paintEvent(QPaintEvent *)
         p.setFont(bold);
         const double ly = std::clamp(yOf(last.value) + fm.ascent() / 2.0 - 1, plotTop + fm.ascent(), plotBottom);
         p.setPen(color);
-        p.drawText(QPointF(right + 6, ly), valueText(last.value));
+        const QString name = cv.labels.value(last.value);
+        p.drawText(QPointF(right + 6, ly), name.isEmpty() ? valueText(last.value)
+                                                        : QStringLiteral("%1 (%2)").arg(name, valueText(last.value)));
         p.setFont(font());
     }
 }
@@ -363,8 +380,19 @@ void PlotWindow::updateCurves()
 {
     m_canvas->curves.clear();
     const Params &p = *m_ops.params;
-    for (int r : store.rows())
-        m_canvas->curves.push_back({r, rowName(r), r < p.DisplayRows.size() && RowIsStep(p.DisplayRows[r])});
+    for (int r : store.rows()) {
+        PlotCanvas::Curve c{r, rowName(r), false, {}};
+        if (r < p.DisplayRows.size() && RowIsStep(p.DisplayRows[r])) {
+            const ParamRow &row = p.DisplayRows[r];
+            c.step = true;
+            const QStringList labels = SplitList(row.Labels), values = SplitList(row.Values);
+            for (int i = 0; i < labels.size(); ++i) {
+                const double v = KindOf(row) == ValueKind::Bit ? i : values.value(i).trimmed().toDouble();
+                c.labels.insert(v, labels[i].trimmed());
+            }
+        }
+        m_canvas->curves.push_back(c);
+    }
     m_canvas->update();
 }
 

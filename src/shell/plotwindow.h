@@ -1,6 +1,7 @@
 #pragma once
 #include "samplestore.h"
 
+#include <QMap>
 #include <QTimer>
 #include <QWidget>
 #include <functional>
@@ -26,6 +27,7 @@ public:
         int row = 0;
         QString name;
         bool step = false;
+        QMap<double, QString> labels;    // a step row's levels by name
     };
     QList<Curve> curves;
     qint64 spanMs = 60000;
