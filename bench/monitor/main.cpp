@@ -220,7 +220,7 @@ int main(int argc, char **argv)
     out << QString("burn of %1 bytes with both windows open: %2, %3 exchanges seen by the monitor\n")
                .arg(img.size()).arg(burned ? "done" : "NOT DONE").arg(exchanges);
     out << "tick period while burning: " << burning.text() << "\n";
-    out << QString("tick period while watching 200 rows (%1 reads, 8 plotted): ").arg(polls) << watching.text() << "\n";
+    out << QString("tick period while watching %1 rows (%2 reads, %3 plotted): ").arg(f.params.DisplayRows.size() - 1).arg(polls).arg(plots.store.rows().size()) << watching.text() << "\n";
     out << QString("one exchange into the monitor: %1 ns (ring of 100,000 full); the view's catching up: %2 ns a record\n")
                .arg(appendNs, 0, 'f', 0).arg(syncNs, 0, 'f', 0);
     out << QString("one sample into the plots: %1 ns; a redraw of 8 curves at %2 samples each: %3 ms\n")
