@@ -262,6 +262,8 @@ void WatchStep(ParamOps &ops)
             panel2(l, u"Successful reading data set");
             DecodeBlock(p.MSFG[1], p.DisplayImage, p.DisplayRows, p.Tables[1], l.prompter);
             ++ops.displayPolls;
+            if (ops.onDisplayDecoded)
+                ops.onDisplayDecoded(ops);
         }
         l.StateWord = 2;
         break;

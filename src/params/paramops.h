@@ -45,6 +45,10 @@ struct ParamOps {
     // returns. Empty: the operation ends at once (the command line).
     std::function<void(ParamOps &)> showBitInfForm;
 
+    // Called after each good block of running values is decoded into
+    // DisplayImage and MSFG(1), for plots; unset, it costs one test a read.
+    std::function<void(ParamOps &)> onDisplayDecoded;
+
     // Counts for the command line and the benchmark.
     qint64 displayPolls = 0;             // running-value blocks decoded
     qint64 settingsReads = 0;            // good settings images decoded

@@ -178,6 +178,8 @@ const QList<MenuItem> &viewFormMenus()
         {"EndPro", "file_menu", "Exit", true, true, true, {}, false},
         {"view_menu", "", "View", true, true, true, {}, false},
         {"FullView", "view_menu", "Full design", true, true, true, "F8", true},
+        {"LineMonitor", "view_menu", "Line monitor", true, true, true, {}, false},
+        {"LivePlots", "view_menu", "Live plots", true, true, true, {}, false},
         {"about_menu", "", "About", true, true, true, {}, false},
         {"AboutMe", "about_menu", "About Burning", true, true, true, {}, false},
         {"PeoHelp", "about_menu", "operation manual", true, true, true, {}, false},

@@ -1,7 +1,10 @@
 #include "viewform.h"
+
 #include "help.h"
 #include "items.h"
+#include "monitorwindow.h"
 #include "pictures.h"
+#include "plotwindow.h"
 #include "portcontrol.h"
 #include "twips.h"
 #include "widgetprompter.h"
@@ -543,6 +546,13 @@ void ViewForm::runMenu(const QString &name)
     }
     if (name == QLatin1String("FullView"))
         setFullView(menuAction(name)->isChecked());
+    else if (name == QLatin1String("LineMonitor") || name == QLatin1String("LivePlots")) {
+        QWidget *w = name == QLatin1String("LineMonitor") ? static_cast<QWidget *>(&lineMonitor())
+                                                          : static_cast<QWidget *>(&livePlots());
+        w->show();
+        w->raise();
+        w->activateWindow();
+    }
     else if (name == QLatin1String("CreatNewPro"))
         CreatNewPro(db);
     else if (name == QLatin1String("OpenPro"))
@@ -1101,6 +1111,27 @@ void ViewForm::endPro()
     m_tick.stop();
     close();
     QCoreApplication::exit(0);
+}
+
+// --- the line monitor and the live plots ------------------------------------------
+
+MonitorWindow &ViewForm::lineMonitor()
+{
+    if (!m_monitor) {
+        m_monitor = std::make_unique<MonitorWindow>(link, m_opt.prompter);
+        // Left open, it must not keep the program running.
+        m_monitor->setAttribute(Qt::WA_QuitOnClose, false);
+    }
+    return *m_monitor;
+}
+
+PlotWindow &ViewForm::livePlots()
+{
+    if (!m_plots) {
+        m_plots = std::make_unique<PlotWindow>(ops, m_opt.prompter);
+        m_plots->setAttribute(Qt::WA_QuitOnClose, false);
+    }
+    return *m_plots;
 }
 
 } // namespace pyro

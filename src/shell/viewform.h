@@ -28,6 +28,8 @@ class QTreeView;
 namespace pyro {
 
 class WidgetPrompter;
+class MonitorWindow;
+class PlotWindow;
 
 // The one working window. It lays out the design, shows the core's view
 // state after every event and every tick, and forwards events to the core's
@@ -74,6 +76,9 @@ public:
     std::unique_ptr<QDialog> makeAbout();
     // BitInfForm for a record, as the read of the device information shows it.
     std::unique_ptr<QDialog> makeBitInfForm(const BitInfRec &rec);
+    // The line monitor and the live plots, made when first asked for.
+    MonitorWindow &lineMonitor();
+    PlotWindow &livePlots();
 
 protected:
     void resizeEvent(QResizeEvent *e) override;
@@ -122,6 +127,9 @@ private:
     QStandardItemModel *m_listModel = nullptr;   // the entries of MSFGList
     quint32 m_editFocus = 0;
     quint32 m_programFocus = 0;                     // the last focus request of the editor taken
+    // Declared last, so they let go of link and ops before those go.
+    std::unique_ptr<MonitorWindow> m_monitor;
+    std::unique_ptr<PlotWindow> m_plots;
 };
 
 } // namespace pyro

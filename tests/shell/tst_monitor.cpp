@@ -1,0 +1,309 @@
+// The line monitor and the live plots: their records and samples against
+// the in-process board, their bounds, their text and CSV, and the windows
+// hanging themselves on the engine only while open.
+#include "exchangelog.h"
+#include "fakeport.h"
+#include "frame.h"
+#include "monitorwindow.h"
+#include "paramops.h"
+#include "params.h"
+#include "plotwindow.h"
+#include "samplestore.h"
+#include "simlink.h"
+#include "viewform.h"
+
+#include <QAction>
+#include <QTableView>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace pyro;
+
+namespace {
+
+struct Bench {
+    FakePort port;
+    SimBoard board;
+    Link link;
+    QByteArray fromBoard;                // every byte the board gave out
+
+    Bench()
+    {
+        AttachPort(link, &port);
+        port.open(QStringLiteral("COM1"), PortSettings{});
+        attachSim(port, board);
+        auto deliver = board.onTransmit;
+        board.onTransmit = [this, deliver](const QByteArray &b) {
+            fromBoard += b;
+            deliver(b);
+        };
+        link.ModeRequest = link.LinkMode = 5;   // no monitor polls in between
+    }
+};
+
+QByteArray readAll(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+} // namespace
+
+class TstMonitor : public QObject {
+    Q_OBJECT
+private slots:
+    void records_data();
+    void records();
+    void boundAndView();
+    void samples();
+    void csvReadBack();
+    void windowsHookOnlyWhileOpen();
+    void saveAndExport();
+};
+
+void TstMonitor::records_data()
+{
+    QTest::addColumn<QString>("fault");  // "hold": the transmit-empty notice never comes
+    QTest::addColumn<int>("outcome");
+    QTest::addColumn<QString>("words");
+    QTest::newRow("good") << "" << 0 << "good";
+    QTest::newRow("no transmit notice") << "hold" << 1 << "no transmit notice";
+    QTest::newRow("no reply") << "DropReply" << 2 << "no reply";
+    QTest::newRow("short") << "SplitReply" << 3 << "short";
+    QTest::newRow("crc") << "CorruptCrc" << 4 << "CRC error";
+    QTest::newRow("wrong function") << "WrongFunction" << 5 << "wrong function";
+}
+
+// The records say what went over the line: the frame the board heard, then
+// what it gave back as far as the engine judged it.
+void TstMonitor::records()
+{
+    QFETCH(QString, fault);
+    QFETCH(int, outcome);
+    QFETCH(QString, words);
+    Bench b;
+    if (fault == "hold")
+        b.port.holdSendNotice = true;
+    else if (!fault.isEmpty())
+        simArmFault(b.board, simFaultFromName(fault), 1, kFnLinkPoll);
+    ExchangeLog log;
+    log.clock = [] { return qint64(1700000000000); };
+    QByteArray boardGaveBeforeJudging;
+    b.link.onExchange = [&](const ExchangeRecord &r) {
+        if (r.direction == ExchangeRecord::Received)
+            boardGaveBeforeJudging = b.fromBoard;
+        log.append(r);
+    };
+    MBBuildFrame(b.link, kFnLinkPoll, QByteArray(1, '\0'));
+    MBSend(b.link, 3, 20, 20);
+    QCOMPARE(simRunExchange(b.port, b.board, b.link), outcome);
+
+    QCOMPARE(log.size(), 2);
+    const MonitorRecord &sent = log.at(0), &got = log.at(1);
+    QCOMPARE(sent.direction, ExchangeRecord::Sent);
+    QCOMPARE(sent.frame, b.board.heard.value(0));
+    QCOMPARE(sent.function, uint8_t(kFnLinkPoll));
+    QCOMPARE(OutcomeWords(sent), QString("sent"));
+    QCOMPARE(got.direction, ExchangeRecord::Received);
+    QCOMPARE(got.function, uint8_t(kFnLinkPoll));
+    QCOMPARE(got.outcome, int16_t(outcome));
+    QCOMPARE(OutcomeWords(got), words);
+    QCOMPARE(got.frame, outcome == 1 || outcome == 2 ? QByteArray() : boardGaveBeforeJudging);
+    QVERIFY(got.tick > sent.tick);
+    QCOMPARE(got.msecs, qint64(1700000000000));
+    // The text line carries the same: length, bytes in hex, outcome.
+    const QStringList cells = MonitorLine(got).split('\t');
+    QCOMPARE(cells.size(), 8);
+    QCOMPARE(cells[1], QString::number(got.tick));
+    QCOMPARE(cells[3], QString("F0"));
+    QCOMPARE(cells[4].toInt(), got.frame.size());
+    QCOMPARE(QByteArray::fromHex(cells[5].toLatin1()), got.frame);
+    QCOMPARE(cells[7], words);
+    // Filtered by outcome, only the judged answer is left.
+    QCOMPARE(MonitorText(log, {-1, outcome}).count('\n'), 2);
+    QCOMPARE(MonitorText(log, {0x03, -1}).count('\n'), 1);
+}
+
+// 100,000 kept, the oldest dropped; the view follows drops and filters.
+void TstMonitor::boundAndView()
+{
+    ExchangeLog log;
+    MonitorModel model(log);
+    const int extra = 1234;
+    const QByteArray frame = MBBuildFrame(kFnLinkPoll, QByteArray(1, '\0'));
+    for (int i = 0; i < ExchangeLog::kDefaultCapacity + extra; ++i) {
+        log.append({i % 2 ? ExchangeRecord::Received : ExchangeRecord::Sent, i, uint8_t(i % 4 < 2 ? 0xF0 : 0xF4),
+                    frame, int16_t(i % 3 ? 0 : 4)});
+        if (i == 500)
+            model.sync();
+    }
+    QCOMPARE(log.size(), ExchangeLog::kDefaultCapacity);
+    QCOMPARE(log.at(0).tick, qint64(extra));
+    QCOMPARE(log.at(log.size() - 1).tick, qint64(ExchangeLog::kDefaultCapacity + extra - 1));
+    model.sync();
+    QCOMPARE(model.rowCount(), ExchangeLog::kDefaultCapacity);
+    QCOMPARE(model.record(0).tick, qint64(extra));
+    QCOMPARE(model.data(model.index(0, MonitorModel::Tick)).toLongLong(), qint64(extra));
+
+    model.setFilter({0xF0, 4});          // answers to F0 judged CRC error
+    for (int r = 0; r < model.rowCount(); ++r) {
+        const MonitorRecord &m = model.record(r);
+        QVERIFY(m.function == 0xF0 && m.direction == ExchangeRecord::Received && m.outcome == 4);
+    }
+    QVERIFY(model.rowCount() > 0);
+    log.clear();
+    model.sync();
+    QCOMPARE(model.rowCount(), 0);
+}
+
+// Each good read of the running values adds one sample per plotted row, the
+// number the grid shows (list rows: the stored number of the label shown).
+void TstMonitor::samples()
+{
+    Bench b;
+    Params p;
+    ScriptedPrompter prompter;
+    LoadParamTables(p, PYRO_DATA_DIR, &prompter);
+    QVERIFY(prompter.shown.isEmpty());
+    ParamOps ops;
+    InstallParamOps(b.link, p, ops);
+    SampleStore store;
+    QList<int> rows;
+    for (int r = 1; r < p.Tables[1].RowCount; ++r) {
+        const ValueKind k = KindOf(p.DisplayRows[r]);
+        if (k != ValueKind::None && k != ValueKind::Unsupported) {
+            rows << r;
+            store.watch(r, true);
+        }
+    }
+    QVERIFY(rows.size() > 10);
+    int checked = 0;
+    qint64 at = 0;
+    ops.onDisplayDecoded = [&](ParamOps &o) {
+        store.record(*o.params, ++at);
+        for (int r : rows) {
+            const ParamRow &row = p.DisplayRows[r];
+            const QString shown = p.MSFG[1].text(r, kValueCol);
+            QCOMPARE(int(store.samples(r).size()), int(at));
+            const double v = store.samples(r).back().value;
+            QCOMPARE(store.samples(r).back().msecs, at);
+            if (RowIsStep(row)) {
+                const QStringList labels = SplitList(row.Labels), values = SplitList(row.Values);
+                int i = KindOf(row) == ValueKind::Bit ? int(v) : -1;
+                for (int j = 0; i < 0 && j < values.size(); ++j)
+                    i = values[j].trimmed().toDouble() == v ? j : -1;
+                QVERIFY2(i >= 0 && labels.value(i).trimmed() == shown.trimmed(),
+                         qPrintable(QString("row %1: %2 against \"%3\"").arg(r).arg(v).arg(shown)));
+            } else {
+                QVERIFY2(v == shown.toDouble(),
+                         qPrintable(QString("row %1: %2 against \"%3\"").arg(r).arg(v).arg(shown)));
+            }
+            ++checked;
+        }
+    };
+    b.link.LinkMode = b.link.ModeRequest = 0;
+    simRun(b.port, b.board, b.link, 400, [&] { return b.link.view.SB[1].startsWith("Link normal"); });
+    b.link.ModeRequest = 7;
+    simRun(b.port, b.board, b.link, 400, [&] { return ops.displayPolls >= 4; });
+    QCOMPARE(ops.displayPolls, qint64(4));
+    QCOMPARE(checked, 4 * int(rows.size()));
+
+    // The bound per row drops the oldest.
+    SampleStore small(3);
+    small.watch(7, true);
+    for (int i = 0; i < 5; ++i)
+        small.add(7, i, i * 10);
+    QCOMPARE(int(small.samples(7).size()), 3);
+    QCOMPARE(small.samples(7).front().value, 20.0);
+}
+
+void TstMonitor::csvReadBack()
+{
+    SampleStore store;
+    store.watch(2, true);
+    store.watch(5, true);
+    store.add(2, 1000, 1.5);
+    store.add(5, 1000, -3);
+    store.add(2, 1030, 1.25);
+    store.add(5, 1060, 123456.7);
+    const QStringList lines = SamplesCsv(store, {"a", "b", "speed, rpm", "d", "e", "state"}).trimmed().split('\n');
+    QCOMPARE(lines, (QStringList{"time_ms,\"speed, rpm\",state", "0,1.5,-3", "30,1.25,", "60,,123456.7"}));
+}
+
+void TstMonitor::windowsHookOnlyWhileOpen()
+{
+    ScriptedPrompter prompter;
+    FakePort port;
+    ViewForm::Options o;
+    o.appDir = PYRO_DATA_DIR;
+    o.prompter = &prompter;
+    o.port = &port;
+    ViewForm f(o);
+    QVERIFY(!f.link.onExchange && !f.ops.onDisplayDecoded);
+    f.menuAction("LineMonitor")->trigger();
+    f.menuAction("LivePlots")->trigger();
+    QVERIFY(f.lineMonitor().isVisible() && f.livePlots().isVisible());
+    QVERIFY(f.link.onExchange && f.ops.onDisplayDecoded);
+    MBBuildFrame(f.link, kFnLinkPoll, QByteArray(1, '\0'));
+    f.link.onExchange({ExchangeRecord::Sent, 1, kFnLinkPoll, f.link.MBTxBuf, 0});
+    f.lineMonitor().setPaused(true);
+    f.link.onExchange({ExchangeRecord::Sent, 2, kFnLinkPoll, f.link.MBTxBuf, 0});
+    QCOMPARE(f.lineMonitor().log.size(), 1);
+    f.lineMonitor().close();
+    f.livePlots().close();
+    QVERIFY(!f.link.onExchange && !f.ops.onDisplayDecoded);
+}
+
+void TstMonitor::saveAndExport()
+{
+    QTemporaryDir dir;
+    ScriptedPrompter prompter;
+    Link link;
+    MonitorWindow mon(link, &prompter);
+    mon.show();
+    const QByteArray frame = MBBuildFrame(kFnReadMemory, QByteArray::fromHex("0010002030000"));
+    link.onExchange({ExchangeRecord::Sent, 7, kFnReadMemory, frame, 0});
+    link.onExchange({ExchangeRecord::Received, 9, kFnReadMemory, {}, 2});
+    mon.sync();
+    mon.table()->selectRow(1);
+    QCOMPARE(mon.selectedText(), MonitorLine(mon.log.at(1)) + '\n');
+    prompter.files = {dir.filePath("line.txt"), dir.filePath("no/such/dir/x.txt")};
+    mon.saveAll();
+    const QStringList lines = QString::fromUtf8(readAll(dir.filePath("line.txt"))).trimmed().split('\n');
+    QCOMPARE(lines.size(), 3);
+    QCOMPARE(lines[1], MonitorLine(mon.log.at(0)));
+    QVERIFY(lines[2].endsWith("\tno reply"));
+    mon.saveAll();                       // an unwritable place: said, not lost
+    QVERIFY(prompter.shown.last().contains("Could not write"));
+
+    Params p;
+    LoadParamTables(p, PYRO_DATA_DIR, &prompter);
+    ParamOps ops;
+    ops.params = &p;
+    PlotWindow plots(ops, &prompter);
+    qint64 now = 5000;
+    plots.clock = [&] { return now; };
+    plots.show();
+    const int row = plots.plottableRows().value(2);
+    plots.setPlotted(row, true);
+    QCOMPARE(plots.store.rows(), QList<int>{row});
+    QCOMPARE(plots.canvas()->curves.size(), 1);
+    p.DisplayImage = QByteArray(p.DisplayImage.size(), '\0');
+    ops.onDisplayDecoded(ops);
+    now += 40;
+    ops.onDisplayDecoded(ops);
+    prompter.files = {dir.filePath("plot.csv")};
+    plots.exportCsv();
+    QCOMPARE(QString::fromUtf8(readAll(dir.filePath("plot.csv"))),
+             SamplesCsv(plots.store, [&] {
+                 QStringList n;
+                 for (int r = 0; r < p.DisplayRows.size(); ++r)
+                     n << plots.rowName(r);
+                 return n;
+             }()));
+    QCOMPARE(QString::fromUtf8(readAll(dir.filePath("plot.csv"))).count('\n'), 3);
+    plots.canvas()->grab();              // draws without a fault
+}
+
+QTEST_MAIN(TstMonitor)
+#include "tst_monitor.moc"
