@@ -65,6 +65,7 @@ void CliCommand::addPortOptions()
     add("parity", "None, Odd or Even (default None).", "P", "None");
     add("data-bits", "Data bits (default 8).", "N", "8");
     add("stop-bits", "Stop bits (default 1).", "N", "1");
+    add("fast", "Fast line: a reply ends as soon as it is whole and the next frame goes at once.");
 }
 
 QString CliCommand::helpText() const
@@ -197,6 +198,7 @@ bool CliSession::takePortOptions(CliCommand &cmd)
         }
         box[i].text = match;
     }
+    link.fastLine = cmd.parser.isSet("fast");
     return true;
 }
 

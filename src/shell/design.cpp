@@ -178,6 +178,7 @@ const QList<MenuItem> &viewFormMenus()
         {"EndPro", "file_menu", "Exit", true, true, true, {}, false},
         {"view_menu", "", "View", true, true, true, {}, false},
         {"FullView", "view_menu", "Full design", true, true, true, "F8", true},
+        {"FastLine", "view_menu", "Fast line", true, true, true, {}, true},
         {"LineMonitor", "view_menu", "Line monitor", true, true, true, {}, false},
         {"LivePlots", "view_menu", "Live plots", true, true, true, {}, false},
         {"about_menu", "", "About", true, true, true, {}, false},

@@ -546,6 +546,8 @@ void ViewForm::runMenu(const QString &name)
     }
     if (name == QLatin1String("FullView"))
         setFullView(menuAction(name)->isChecked());
+    else if (name == QLatin1String("FastLine"))
+        link.fastLine = menuAction(name)->isChecked();
     else if (name == QLatin1String("LineMonitor") || name == QLatin1String("LivePlots")) {
         QWidget *w = name == QLatin1String("LineMonitor") ? static_cast<QWidget *>(&lineMonitor())
                                                           : static_cast<QWidget *>(&livePlots());
