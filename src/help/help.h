@@ -22,9 +22,10 @@ inline const QString kAboutDescription = QStringLiteral("Application Descriptor:
 inline const QString kAboutText = QStringLiteral(                                   // Label1
     "Tarvel electric process parameters setting and square wave controller download sequence instrument line.");
 inline const QString kAboutCompany = QStringLiteral("Pyrolink bench tools, built from source. No warranty.");  // lblDisclaimer
-inline const QString kMakerUrl = QStringLiteral("https://pyrolink.example.org/");
-inline const QString kFeedback = QStringLiteral("feedback@pyrolink.example.org");
-inline const QString kAboutContact = QStringLiteral("Web: pyrolink.example.org   Feedback: ") + kFeedback;  // Label2
+// Short enough to stand on Label2's one line.
+inline const QString kMakerUrl = QStringLiteral("https://example.org/pyrolink");
+inline const QString kFeedback = QStringLiteral("pyrolink@example.org");
+inline const QString kAboutContact = QStringLiteral("example.org/pyrolink  ") + kFeedback;  // Label2
 inline const QString kAboutOk = QStringLiteral("OK");
 
 // "Bite 1.0.0", lblVersion.

@@ -230,6 +230,8 @@ void ViewForm::build()
     m_viewport->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Ignored);
     layout->addWidget(m_viewport, 1);
     m_canvas = new Canvas(m_viewport);
+    // The design's check boxes are narrow: the box sits close to its caption.
+    m_canvas->setStyleSheet(QStringLiteral("QCheckBox { spacing: 2px; }"));
     m_canvas->setGeometry(QRect(QPoint(0, 0), twipsToPx(w.clientTwips, m_dpi)));
 
     QHash<QString, QWidget *> parents{{QStringLiteral("ViewForm"), m_canvas}};
@@ -974,6 +976,17 @@ void ViewForm::setFullView(bool full)
         a->setChecked(full);
     }
     snapBack();
+    // The larger view moves up and left as far as it needs to stay on the screen.
+    if (QScreen *s = screen(); s && isVisible()) {
+        const QRect room = s->availableGeometry();
+        QRect frame = frameGeometry();
+        frame.moveRight(std::min(frame.right(), room.right()));
+        frame.moveBottom(std::min(frame.bottom(), room.bottom()));
+        frame.moveLeft(std::max(frame.left(), room.left()));
+        frame.moveTop(std::max(frame.top(), room.top()));
+        if (frame.topLeft() != frameGeometry().topLeft())
+            move(frame.topLeft());
+    }
 }
 
 void ViewForm::snapBack()
@@ -1035,8 +1048,9 @@ std::unique_ptr<QDialog> ViewForm::makeAbout()
         widget->setGeometry(twipsToPx(c.twips, m_dpi));
         if (c.font.points > 0 || c.font.bold)
             widget->setFont(designFont(c.font, widget->font()));
+        // Lines the design gives one line to stay on it; the description wraps.
         if (auto *label = qobject_cast<QLabel *>(widget))
-            label->setWordWrap(true);
+            label->setWordWrap(c.twips.height() > 400);
         if (auto *ok = qobject_cast<QPushButton *>(widget)) {
             // OK takes Enter as the default button and Escape as the cancel.
             ok->setDefault(true);
