@@ -11,6 +11,7 @@
 #include "plotwindow.h"
 #include "strip.h"
 #include "viewform.h"
+#include "benchkit.h"
 
 #include <QAction>
 #include <QAbstractItemView>
@@ -40,28 +41,6 @@ void waitUntil(const std::function<bool()> &done, int ms)
     });
     look.start(50);
     loop.exec();
-}
-
-// 480 bytes mapped by 199 value rows and a caption row, every kind of value.
-QByteArray syntheticDisplayTable()
-{
-    QByteArray t = "30\\/480\r\n600\\/1500\\/3000\\/2200\r\n"
-                   "No.><4><0><12632256><360><10\\/Group><4><0><12632256><360><10\\/Name><4><0><12632256><360><10\\/Value><4><0><12632256><360><10\r\n";
-    for (int r = 1; r < 200; ++r) {
-        const int addr = 1 + ((r - 1) * 4) % 476;
-        QByteArray param;
-        switch (r % 6) {
-        case 0: param = "List:><" + QByteArray::number(addr) + "><1><0><0><0><0><1><0||255"; break;
-        case 1: param = "List:><" + QByteArray::number(addr) + "><2><0><0><0><0><1><0||9999"; break;
-        case 2: param = "List:><" + QByteArray::number(addr) + "><4><2><0><0><0><100><0||99999"; break;
-        case 3: param = "List:><" + QByteArray::number(addr) + "><4><0><5><1><0><1><Off||On><0||1"; break;
-        case 4: param = "List:><" + QByteArray::number(addr) + "><4><3><0><0><1><1><0||1000"; break;
-        default: param = "List:><" + QByteArray::number(addr) + "><1><0><0><1><0><1><A||B||C||D><0||1||2||3"; break;
-        }
-        t += QByteArray::number(r) + "><4><0><16777215><330><9\\/Run><1><0><16777215><330><10\\/Value "
-            + QByteArray::number(r) + "><1><0><16777215><330><10\\/" + param + "\r\n";
-    }
-    return t + "End\r\n";
 }
 
 struct Periods {
@@ -97,16 +76,9 @@ int main(int argc, char **argv)
     }
 
     QProcess sim;
-    sim.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    sim.start(simPath, {});
-    QByteArray line;
-    while (!line.contains('\n') && sim.waitForReadyRead(10000))
-        line += sim.readAllStandardOutput();
-    if (!line.startsWith("ready ")) {
-        err << "bench-monitor: " << simPath << " gave no ready line\n";
+    const QString pty = startSim(sim, simPath, {}, err);
+    if (pty.isEmpty())
         return 2;
-    }
-    const QString pty = QString::fromLocal8Bit(line.mid(6, line.indexOf('\n') - 6)).trimmed();
 
     // The program's folder with a running-values table of 200 rows.
     QTemporaryDir dir;

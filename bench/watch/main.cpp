@@ -10,6 +10,7 @@
 #include "portcontrol.h"
 #include "qtserialcontrol.h"
 #include "simlink.h"
+#include "benchkit.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -23,28 +24,6 @@ using namespace pyro;
 namespace {
 
 QTextStream out(stdout);
-
-// 480 bytes mapped by 199 value rows and a caption row, every kind of value.
-QByteArray syntheticDisplayTable()
-{
-    QByteArray t = "30\\/480\r\n600\\/1500\\/3000\\/2200\r\n"
-                   "No.><4><0><12632256><360><10\\/Group><4><0><12632256><360><10\\/Name><4><0><12632256><360><10\\/Value><4><0><12632256><360><10\r\n";
-    for (int r = 1; r < 200; ++r) {
-        const int addr = 1 + ((r - 1) * 4) % 476;
-        QByteArray param;
-        switch (r % 6) {
-        case 0: param = "List:><" + QByteArray::number(addr) + "><1><0><0><0><0><1><0||255"; break;
-        case 1: param = "List:><" + QByteArray::number(addr) + "><2><0><0><0><0><1><0||9999"; break;
-        case 2: param = "List:><" + QByteArray::number(addr) + "><4><2><0><0><0><100><0||99999"; break;
-        case 3: param = "List:><" + QByteArray::number(addr) + "><4><0><5><1><0><1><Off||On><0||1"; break;
-        case 4: param = "List:><" + QByteArray::number(addr) + "><4><3><0><0><1><1><0||1000"; break;
-        default: param = "List:><" + QByteArray::number(addr) + "><1><0><0><1><0><1><A||B||C||D><0||1||2||3"; break;
-        }
-        t += QByteArray::number(r) + "><4><0><16777215><330><9\\/Run><1><0><16777215><330><10\\/Value "
-            + QByteArray::number(r) + "><1><0><16777215><330><10\\/" + param + "\r\n";
-    }
-    return t + "End\r\n";
-}
 
 struct Figures {
     qint64 polls = 0;

@@ -2,6 +2,7 @@
 // a pseudo-terminal: the tick period (mean, worst), the cost of appending a
 // log line at 1,000 and at 100,000 lines, and the CPU used while the port is
 // open and the monitor polls. Usage: bench-window [--sim PATH]
+#include "benchkit.h"
 #include "viewform.h"
 
 #include <QApplication>
@@ -68,16 +69,9 @@ int main(int argc, char **argv)
         simPath = args[2];
 
     QProcess sim;
-    sim.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    sim.start(simPath, {});
-    QByteArray line;
-    while (!line.contains('\n') && sim.waitForReadyRead(10000))
-        line += sim.readAllStandardOutput();
-    if (!line.startsWith("ready ")) {
-        err << "bench-window: " << simPath << " gave no ready line\n";
+    const QString pty = startSim(sim, simPath, {}, err);
+    if (pty.isEmpty())
         return 2;
-    }
-    const QString pty = QString::fromLocal8Bit(line.mid(6, line.indexOf('\n') - 6)).trimmed();
 
     QTemporaryDir dir;
     qputenv("HOME", dir.path().toLocal8Bit());
