@@ -344,6 +344,11 @@ QWidget *ViewForm::makeControl(const design::Control &c, QWidget *parent)
     }
     case Kind::List: {
         auto *g = new QTableView(parent);
+        // The entries fill the list exactly: no frame, no scroll bars.
+        g->setFrameShape(QFrame::NoFrame);
+        g->setShowGrid(false);
+        g->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+        g->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
         g->horizontalHeader()->hide();
         g->verticalHeader()->hide();
         g->horizontalHeader()->setStretchLastSection(true);
