@@ -234,8 +234,12 @@ void TstMonitor::windowsHookOnlyWhileOpen()
 {
     ScriptedPrompter prompter;
     FakePort port;
+    // The tables only: a database beside them would be stamped and twinned.
+    QTemporaryDir app;
+    for (const char *name : {"Config.For", "Display.For"})
+        QFile::copy(QStringLiteral(PYRO_DATA_DIR "/") + name, app.filePath(name));
     ViewForm::Options o;
-    o.appDir = PYRO_DATA_DIR;
+    o.appDir = app.path();
     o.prompter = &prompter;
     o.port = &port;
     ViewForm f(o);
