@@ -2,9 +2,29 @@
 // Pieces the benchmarks share: the simulated board on a pseudo-terminal and
 // a running-values table of 200 rows.
 #include <QByteArray>
+#include <QElapsedTimer>
+#include <QEventLoop>
 #include <QProcess>
 #include <QString>
 #include <QTextStream>
+#include <QTimer>
+#include <functional>
+
+// Runs the event loop until done() or ms pass, looking every 50 ms. It sleeps
+// between looks, so that the CPU measured meanwhile is the program's.
+inline void waitUntil(const std::function<bool()> &done, int ms)
+{
+    QEventLoop loop;
+    QTimer look;
+    QElapsedTimer t;
+    t.start();
+    QObject::connect(&look, &QTimer::timeout, &loop, [&] {
+        if (done() || t.elapsed() >= ms)
+            loop.quit();
+    });
+    look.start(50);
+    loop.exec();
+}
 
 // Starts pyrolink-sim and waits for its ready line; the pseudo-terminal's
 // path, or empty (with a message on err) when it gave none.

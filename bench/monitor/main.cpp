@@ -29,19 +29,6 @@ using namespace pyro;
 
 namespace {
 
-void waitUntil(const std::function<bool()> &done, int ms)
-{
-    QEventLoop loop;
-    QTimer look;
-    QElapsedTimer t;
-    t.start();
-    QObject::connect(&look, &QTimer::timeout, &loop, [&] {
-        if (done() || t.elapsed() >= ms)
-            loop.quit();
-    });
-    look.start(50);
-    loop.exec();
-}
 
 struct Periods {
     QList<double> ms;

@@ -27,20 +27,6 @@ double cpuSeconds()
     return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
 }
 
-void waitUntil(const std::function<bool()> &done, int ms)
-{
-    // A loop that sleeps between looks, so that the CPU measured is the window's.
-    QEventLoop loop;
-    QTimer look;
-    QElapsedTimer t;
-    t.start();
-    QObject::connect(&look, &QTimer::timeout, &loop, [&] {
-        if (done() || t.elapsed() >= ms)
-            loop.quit();
-    });
-    look.start(50);
-    loop.exec();
-}
 
 // Microseconds a log line costs (AddLog and the refresh that shows it).
 double appendCost(ViewForm &f, int lines)

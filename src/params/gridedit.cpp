@@ -189,7 +189,7 @@ void MSFGListClick(GridEdit &e, Params &p, View &view, Prompter *prompter, int r
 void MSFGMouseMove(View &view, int index)
 {
     if (index == 0 || index == 1)
-        view.SB[3] = kMSFGToolTip[index];
+        MouseHint(view, kMSFGToolTip[index]);
 }
 
 WheelAction MSFGWheel(int index, bool hasFocus, int delta, Qt::KeyboardModifiers modifiers,

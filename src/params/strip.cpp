@@ -40,7 +40,7 @@ void MenuImgMouseMove(ImageStrip &s, View &view, int index)
         return;
     s.Shape2Top = kMenuImg[size_t(index)].top;
     s.Shape2Visible = true;
-    view.SB[3] = kMenuImg[size_t(index)].toolTip;
+    MouseHint(view, kMenuImg[size_t(index)].toolTip);
 }
 
 void MenuImgMouseDown(ImageStrip &s, const View &view, int index)

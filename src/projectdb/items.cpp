@@ -228,7 +228,7 @@ void NotesTxtDblClick(Link &l, int index)
 void NotesTxtMouseMove(View &v, int index)
 {
     if (index >= 0 && index < int(kNoteBoxes.size()))
-        v.SB[3] = kNoteBoxes[index].toolTip;
+        MouseHint(v, kNoteBoxes[index].toolTip);
 }
 
 } // namespace pyro

@@ -248,14 +248,14 @@ private:
                 const double end = p->startUs + double(p->pending.size() - 1) * p->byteUs;
                 at = at < 0 ? end : std::min(at, end);
             }
-        itimerspec spec{};
+        itimerspec endAt{};
         if (at >= 0) {
             const double leftUs = std::max(1.0, at - nowUs());
             const qint64 ns = qint64(leftUs * 1000.0);
-            spec.it_value.tv_sec = time_t(ns / 1000000000);
-            spec.it_value.tv_nsec = long(ns % 1000000000);
+            endAt.it_value.tv_sec = time_t(ns / 1000000000);
+            endAt.it_value.tv_nsec = long(ns % 1000000000);
         }
-        ::timerfd_settime(m_endFd, 0, &spec, nullptr);   // zero disarms
+        ::timerfd_settime(m_endFd, 0, &endAt, nullptr);   // zero disarms
     }
 
     // Board time follows the wall clock in whole ticks, however late the timer.
