@@ -124,6 +124,8 @@ void ChipLogEnd(Link &l, Burn &b, const QString &result)
     QString error;
     if (!c.folder.isEmpty() && !AppendChipRecord(c.folder, c.current, &error) && c.writeError.isEmpty())
         c.writeError = error;
+    if (c.toStore)
+        c.toStore(c.current);
     if (c.onRecord)
         c.onRecord(c.current);
 }

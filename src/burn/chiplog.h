@@ -32,6 +32,8 @@ struct ChipRecord {
 struct ChipLog {
     QString folder;
     std::function<void(const ChipRecord &)> onRecord;   // after each line
+    // The chip store's hand-off, called beside the CSV line; it must not wait.
+    std::function<void(const ChipRecord &)> toStore;
 
     bool active = false;
     ChipRecord current;

@@ -1,9 +1,11 @@
 // pyrolink-cli burn: the burn of the window's Program button, headless.
 #include "burn.h"
+#include "chipwriter.h"
 #include "clisession.h"
 #include "commands.h"
 #include "portcontrol.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <cstdio>
@@ -37,6 +39,7 @@ int cliBurn(const QStringList &args)
     cmd.add("keep-settings", "KeepInF: leave the settings pages as they are.");
     cmd.add("frame-len", "Bytes per write frame: 512, 256, 128, 64, 32 or 16.", "N", "512");
     cmd.add("order", "The order text stamped into the image.", "TEXT");
+    cmd.add("station", "The station named with each chip in the chip store (default: this host's name).", "NAME");
     cmd.add("timeout", "Seconds a chip may go without progress, or the board without an answer (default 10).", "S", "10");
     cmd.add("total-timeout", "Seconds the whole run may take (default 0: no limit).", "S", "0");
     cmd.add("json", "One JSON object per finished or failed chip on stdout; everything else on stderr.");
@@ -86,6 +89,20 @@ int cliBurn(const QStringList &args)
     const int target = autoLoad ? chips : 1;
     s.link.view.Check1[3] = autoLoad && target != 1;
     burn.chipLog.folder = RecordFolder();
+    // Every chip also goes to the chip store, through its own thread.
+    const QString station = cmd.parser.isSet("station") ? cmd.parser.value("station") : DefaultStation();
+    ChipWriter writer(ChipStorePath(RecordFolder()));
+    writer.start();
+    burn.chipLog.toStore = [&](const ChipRecord &r) {
+        writer.append(ChipRowFromRecord(r, station, QCoreApplication::applicationVersion()));
+    };
+    auto storeNews = [&] {
+        const ChipWriter::Events e = writer.take();
+        for (const QString &m : e.messages)
+            s.err << m << Qt::endl;
+        for (const ChipMet &m : e.met)
+            s.err << ChipMetText(m) << Qt::endl;
+    };
 
     // The last answer judged, for the retry lines.
     ExchangeRecord lastAnswer;
@@ -125,6 +142,11 @@ int cliBurn(const QStringList &args)
             info << "\n";   // the redrawn progress line stays, closed
         if (!why.isEmpty())
             s.err << "pyrolink-cli burn: " << why << Qt::endl;
+        writer.stop();
+        storeNews();
+        if (const int left = writer.pending())
+            s.err << left << " chip(s) wait for the chip store in "
+                  << QDir::toNativeSeparators(writer.storePath() + ".pending") << "\n";
         if (burn.chipLog.begun > 0) {
             const QString folder = RecordFolder();
             if (AppendBurnRecord(folder, s.link.now(), s.link.view.RTB))
@@ -160,6 +182,7 @@ int cliBurn(const QStringList &args)
     bool wasActive = false;
     auto progress = [&] {
         const ChipLog &c = burn.chipLog;
+        storeNews();
         if (target > 1 && burn.ChipsDone >= target - 1)
             s.link.view.Check1[3] = false;
         if (!burn.chipLog.writeError.isEmpty() && !burn.chipLog.errorShown) {

@@ -9,3 +9,4 @@ int cliTable(const QStringList &args);
 int cliBurn(const QStringList &args);
 int cliParams(const QStringList &args);
 int cliDb(const QStringList &args);
+int cliRecords(const QStringList &args);

@@ -18,6 +18,7 @@ const Entry kCommands[] = {
     {"burn", cliBurn, "burn firmware into chips"},
     {"params", cliParams, "read, get, set, update, save, erase, watch the settings; info"},
     {"db", cliDb, "create, list, show and check project databases"},
+    {"records", cliRecords, "ask the chip store: a chip's history, a span, an order, a summary; import CSV"},
 };
 
 } // namespace

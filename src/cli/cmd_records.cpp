@@ -1,0 +1,192 @@
+// pyrolink-cli records: questions to the chip store, and CSV records into it.
+#include "burn.h"
+#include "chipstore.h"
+#include "clisession.h"
+#include "commands.h"
+#include "sqlitestore.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTextStream>
+
+using namespace pyro;
+
+namespace {
+
+QString storeOption(const CliCommand &cmd)
+{
+    return cmd.parser.isSet("store") ? cmd.parser.value("store") : ChipStorePath(RecordFolder());
+}
+
+// Fixed columns: a million rows are printed as they come, never measured first.
+QString tableLine(const QStringList &f)
+{
+    // time, station, port, chip_id, order, result, retries, duration_s, length, image
+    return QStringLiteral("%1  %2 %3 %4  %5 %6 %7 %8 %9  %10")
+        .arg(f[0].leftJustified(19), f[1].leftJustified(12), f[2].leftJustified(14), f[3].leftJustified(24),
+             f[4].leftJustified(12), f[5].leftJustified(11), f[6].rightJustified(7), f[7].rightJustified(10),
+             f[8].rightJustified(6))
+        .arg(f[9]);
+}
+
+QStringList tableFields(const ChipRow &r)
+{
+    return {r.local, r.station, r.port, r.chipId, r.order, r.result, QString::number(r.retries),
+            QString::number(double(r.durationMs) / 1000.0, 'f', 3), QString::number(r.length), r.image};
+}
+
+int recordsImport(const QStringList &args)
+{
+    CliCommand cmd("records import", "Loads chip CSV files (the burn's daily records) into the chip store. "
+                   "A line stored already is left out, so importing twice adds nothing.", "FILE.csv...");
+    cmd.add("station", "The station the files come from (default: this host's name).", "NAME");
+    cmd.add("store", "The chip store (default: chips.sqlite in the record folder).", "FILE");
+    bool done = false;
+    int code = cmd.parse(args, &done);
+    if (done)
+        return code;
+    if (!cmd.positional(1, 1 << 20))
+        return kExitUsage;
+    const QString station = cmd.parser.isSet("station") ? cmd.parser.value("station") : DefaultStation();
+    if (station.isEmpty())
+        return cmd.usageError("--station: empty");
+    SqliteChipStore store(storeOption(cmd));
+    QString error, notice;
+    const bool opened = store.open(&error, &notice);
+    if (!notice.isEmpty())
+        cmd.err << notice << Qt::endl;
+    if (!opened) {
+        cmd.err << "pyrolink-cli records import: " << error << Qt::endl;
+        return kExitFailed;
+    }
+    int result = kExitOk;
+    qint64 allAdded = 0;
+    for (const QString &file : cmd.parser.positionalArguments()) {
+        const QString bad = CheckInputFile(file, qint64(1) << 31);
+        QFile f(file);
+        if (!bad.isEmpty() || !f.open(QIODevice::ReadOnly)) {
+            cmd.err << file << ": " << (bad.isEmpty() ? f.errorString() : bad) << Qt::endl;
+            result = kExitFailed;
+            continue;
+        }
+        QList<ChipRow> rows;
+        QList<CsvRefusal> refused;
+        ParseChipCsv(f.readAll(), station, &rows, &refused);
+        for (const CsvRefusal &r : refused)
+            cmd.err << file << ':' << r.line << ": refused: " << r.reason << "\n";
+        const qint64 added = store.append(rows, nullptr, &error);
+        if (added < 0) {
+            cmd.err << file << ": not stored: " << error << Qt::endl;
+            return kExitFailed;
+        }
+        allAdded += added;
+        cmd.out << file << ": " << added << " added, " << rows.size() - added << " stored already, " << refused.size()
+                << " refused" << Qt::endl;
+        if (!refused.isEmpty())
+            result = kExitFailed;
+    }
+    if (cmd.parser.positionalArguments().size() > 1)
+        cmd.out << allAdded << " chip(s) added" << Qt::endl;
+    return result;
+}
+
+} // namespace
+
+int cliRecords(const QStringList &args)
+{
+    if (!args.isEmpty() && args.first() == QLatin1String("import"))
+        return recordsImport(args.mid(1));
+    CliCommand cmd("records", "Chips in the chip store: the rows that match, oldest first, or their summary.\n"
+                   "Times are local: 2026-11-23, 2026-11-23 09:30 or 2026-11-23T09:30:00; a bare day as --until "
+                   "takes the whole day.\n'pyrolink-cli records import FILE.csv...' loads CSV records.", "[import FILE.csv...]");
+    cmd.add("chip", "The whole history of one chip: its identity, 24 hex digits.", "ID");
+    cmd.add("since", "Chips that ended at or after this time.", "TIME");
+    cmd.add("until", "Chips that ended before this time.", "TIME");
+    cmd.add("order", "Chips of this order.", "TEXT");
+    cmd.add("station", "Chips of this station.", "NAME");
+    cmd.add("port", "Chips burned on this port.", "P");
+    cmd.add("result", "Chips with this result: done, failed, stopped, interrupted, port lost, timed out.", "R");
+    cmd.add("summary", "Chips, good, failed, yield, chips an hour, median duration and retries instead of rows.");
+    cmd.add("format", "table, csv or json (one object a line) (default table).", "F", "table");
+    cmd.add("store", "The chip store (default: chips.sqlite in the record folder).", "FILE");
+    bool done = false;
+    int code = cmd.parse(args, &done);
+    if (done)
+        return code;
+    if (!cmd.positional(0, 0))
+        return kExitUsage;
+    ChipQuery q;
+    if (cmd.parser.isSet("chip")) {
+        q.chipId = cmd.parser.value("chip").toUpper();
+        if (!IsChipIdText(q.chipId))
+            return cmd.usageError(QStringLiteral("--chip: '%1' is not a chip identity (24 hex digits)").arg(cmd.parser.value("chip")));
+    }
+    for (const char *name : {"since", "until"}) {
+        if (!cmd.parser.isSet(name))
+            continue;
+        qint64 ms = 0;
+        const bool until = QLatin1String(name) == QLatin1String("until");
+        if (!ParseLocalTime(cmd.parser.value(name), until, &ms))
+            return cmd.usageError(QStringLiteral("--%1: '%2' is not a time (2026-11-23, 2026-11-23 09:30 or 2026-11-23T09:30:00)")
+                                      .arg(QLatin1String(name), cmd.parser.value(name)));
+        (until ? q.until : q.since) = ms;
+    }
+    q.order = cmd.parser.value("order");
+    q.station = cmd.parser.value("station");
+    q.port = cmd.parser.value("port");
+    q.result = cmd.parser.value("result");
+    const QString format = cmd.parser.value("format");
+    if (format != QLatin1String("table") && format != QLatin1String("csv") && format != QLatin1String("json"))
+        return cmd.usageError(QStringLiteral("--format: '%1' is not table, csv or json").arg(format));
+
+    SqliteChipStore::Options so;
+    so.create = false;
+    SqliteChipStore store(storeOption(cmd), so);
+    QString error;
+    if (!store.open(&error)) {
+        cmd.err << "pyrolink-cli records: " << error << Qt::endl;
+        return kExitFailed;
+    }
+    if (cmd.parser.isSet("summary")) {
+        ChipSummary s;
+        if (!store.summary(q, &s, &error)) {
+            cmd.err << "pyrolink-cli records: " << error << Qt::endl;
+            return kExitFailed;
+        }
+        if (format == QLatin1String("json")) {
+            cmd.out << ChipSummaryJson(s) << "\n";
+        } else if (format == QLatin1String("csv")) {
+            cmd.out << "chips,good,failed,yield,chips_an_hour,median_duration_s,retries\n"
+                    << s.chips << ',' << s.good << ',' << s.failed << ',' << QString::number(s.yield(), 'f', 4) << ','
+                    << QString::number(s.chipsAnHour(), 'f', 1) << ',' << QString::number(double(s.medianDurationMs) / 1000.0, 'f', 3)
+                    << ',' << s.retries << "\n";
+        } else {
+            for (const QString &line : ChipSummaryLines(s))
+                cmd.out << line << "\n";
+        }
+        return kExitOk;
+    }
+    if (format == QLatin1String("csv"))
+        cmd.out << CsvJoin(ChipRowHeader()) << "\n";
+    else if (format == QLatin1String("table"))
+        cmd.out << tableLine({"time", "station", "port", "chip_id", "order", "result", "retries", "duration_s", "length", "image"}) << "\n";
+    qint64 n = 0;
+    const bool ok = store.select(q, [&](const ChipRow &r) {
+        ++n;
+        if (format == QLatin1String("csv"))
+            cmd.out << CsvJoin(ChipRowFields(r)) << "\n";
+        else if (format == QLatin1String("json"))
+            cmd.out << ChipRowJson(r) << "\n";
+        else
+            cmd.out << tableLine(tableFields(r)) << "\n";
+        return cmd.out.status() == QTextStream::Ok;
+    }, &error);
+    cmd.out.flush();
+    if (!ok) {
+        cmd.err << "pyrolink-cli records: " << error << Qt::endl;
+        return kExitFailed;
+    }
+    if (format == QLatin1String("table"))
+        cmd.err << n << " chip(s)" << Qt::endl;
+    return kExitOk;
+}
