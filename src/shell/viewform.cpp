@@ -2,6 +2,7 @@
 
 #include "help.h"
 #include "items.h"
+#include "chiphistory.h"
 #include "monitorwindow.h"
 #include "pictures.h"
 #include "plotwindow.h"
@@ -176,6 +177,7 @@ ViewForm::ViewForm(const Options &options) : m_opt(options)
     burn.params = &params;
     // Every chip burned in the window gets its line in the day's chip record.
     burn.chipLog.folder = RecordFolder();
+    m_records = std::make_unique<ChipRecords>(burn, RecordFolder(), this);
     InstallParamOps(link, params, ops);
     AttachDb(db, link);
     strip.saveItem = [this] { return MenuImg4Click(db, params, link); };
@@ -555,9 +557,10 @@ void ViewForm::runMenu(const QString &name)
         setFullView(menuAction(name)->isChecked());
     else if (name == QLatin1String("FastLine"))
         link.fastLine = menuAction(name)->isChecked();
-    else if (name == QLatin1String("LineMonitor") || name == QLatin1String("LivePlots")) {
+    else if (name == QLatin1String("LineMonitor") || name == QLatin1String("LivePlots") || name == QLatin1String("ChipHistory")) {
         QWidget *w = name == QLatin1String("LineMonitor") ? static_cast<QWidget *>(&lineMonitor())
-                                                          : static_cast<QWidget *>(&livePlots());
+            : name == QLatin1String("LivePlots")          ? static_cast<QWidget *>(&livePlots())
+                                                          : static_cast<QWidget *>(&chipHistory());
         w->show();
         w->raise();
         w->activateWindow();
@@ -1153,6 +1156,15 @@ PlotWindow &ViewForm::livePlots()
         m_plots->setAttribute(Qt::WA_QuitOnClose, false);
     }
     return *m_plots;
+}
+
+ChipHistoryWindow &ViewForm::chipHistory()
+{
+    if (!m_history) {
+        m_history = std::make_unique<ChipHistoryWindow>(*m_records, m_opt.prompter);
+        m_history->setAttribute(Qt::WA_QuitOnClose, false);
+    }
+    return *m_history;
 }
 
 } // namespace pyro

@@ -30,6 +30,8 @@ namespace pyro {
 class WidgetPrompter;
 class MonitorWindow;
 class PlotWindow;
+class ChipRecords;
+class ChipHistoryWindow;
 
 // The one working window. It lays out the design, shows the core's view
 // state after every event and every tick, and forwards events to the core's
@@ -79,6 +81,9 @@ public:
     // The line monitor and the live plots, made when first asked for.
     MonitorWindow &lineMonitor();
     PlotWindow &livePlots();
+    // Every chip into the chip store; its history window, made when first asked for.
+    ChipRecords &chipRecords() { return *m_records; }
+    ChipHistoryWindow &chipHistory();
 
 protected:
     void resizeEvent(QResizeEvent *e) override;
@@ -130,6 +135,8 @@ private:
     // Declared last, so they let go of link and ops before those go.
     std::unique_ptr<MonitorWindow> m_monitor;
     std::unique_ptr<PlotWindow> m_plots;
+    std::unique_ptr<ChipRecords> m_records;
+    std::unique_ptr<ChipHistoryWindow> m_history;
 };
 
 } // namespace pyro

@@ -1,0 +1,107 @@
+#pragma once
+// The chip store in the window: the writer the burn hands its chips to, and
+// the chip history window (View > Chip history).
+#include "chipmodel.h"
+#include "chipwriter.h"
+#include "sqlitestore.h"
+
+#include <QTimer>
+#include <QWidget>
+#include <memory>
+
+class QComboBox;
+class QLabel;
+class QLineEdit;
+class QTableView;
+
+namespace pyro {
+
+struct Burn;
+class Prompter;
+
+// Chips per hour over the span shown, good and failed stacked.
+class HourChart : public QWidget {
+    Q_OBJECT
+public:
+    explicit HourChart(QWidget *parent = nullptr);
+    void setHours(const QList<HourCount> &hours);
+    const QList<HourCount> &hours() const { return m_hours; }
+    QSize sizeHint() const override { return {600, 140}; }
+
+protected:
+    void paintEvent(QPaintEvent *) override;
+
+private:
+    QList<HourCount> m_hours;
+};
+
+// The window's side of the store: starts the writer with the first chip,
+// hands it every chip, and says once what went wrong with the store in a
+// box that does not stop the line.
+class ChipRecords : public QObject {
+    Q_OBJECT
+public:
+    ChipRecords(Burn &burn, const QString &recordFolder, QWidget *parent);
+    ~ChipRecords() override;
+    QString storePath() const { return m_storePath; }
+    // What the writer said since the last call (the window polls it too).
+    void poll();
+    QStringList messages;             // every message so far, newest last
+    QList<ChipMet> met;               // chips met again, newest last
+    QWidget *noticeParent = nullptr;  // null: no box (tests read messages)
+    bool boxes = true;
+signals:
+    void news();
+
+private:
+    QString m_storePath;
+    std::unique_ptr<ChipWriter> m_writer;
+    QTimer m_poll;
+};
+
+class ChipHistoryWindow : public QWidget {
+    Q_OBJECT
+public:
+    ChipHistoryWindow(ChipRecords &records, Prompter *prompter, QWidget *parent = nullptr);
+    ~ChipHistoryWindow() override;
+
+    ChipTableModel *model() const { return m_model; }
+    QTableView *table() const { return m_table; }
+    HourChart *chart() const { return m_chart; }
+    QLabel *summaryLabel() const { return m_summary; }
+    QLabel *noticeLabel() const { return m_notice; }
+    QLineEdit *chipEdit() const { return m_chip; }
+    QLineEdit *orderEdit() const { return m_order; }
+    QLineEdit *dayEdit() const { return m_day; }
+    QLineEdit *portEdit() const { return m_port; }
+    QComboBox *resultBox() const { return m_result; }
+    // The filter typed so far, at once rather than after the typing pause.
+    void applyFilter();
+    // Rows stored since, on top; the summary and picture again if any.
+    void follow();
+    // Writes every row the filter selects; false after a message.
+    bool exportCsv(const QString &path);
+
+protected:
+    void showEvent(QShowEvent *) override;
+
+private:
+    ChipQuery currentQuery() const;
+    void refreshSummary();
+    void showNews();
+    bool ensureOpen();
+
+    ChipRecords &m_records;
+    Prompter *m_prompter;
+    SqliteChipStore m_store;
+    ChipTableModel *m_model;
+    QTableView *m_table;
+    HourChart *m_chart;
+    QLabel *m_summary, *m_notice;
+    QLineEdit *m_chip, *m_order, *m_day, *m_port;
+    QComboBox *m_result;
+    QTimer m_typing, m_follow;
+    int m_newsSeen = 0, m_metSeen = 0;
+};
+
+} // namespace pyro
