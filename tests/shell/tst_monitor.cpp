@@ -1,6 +1,7 @@
 // The line monitor and the live plots: their records and samples against
 // the in-process board, their bounds, their text and CSV, and the windows
 // hanging themselves on the engine only while open.
+#include "chiphistory.h"
 #include "exchangelog.h"
 #include "fakeport.h"
 #include "frame.h"
@@ -13,6 +14,11 @@
 #include "viewform.h"
 
 #include <QAction>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QScrollBar>
 #include <QTableView>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -59,6 +65,7 @@ private slots:
     void csvReadBack();
     void windowsHookOnlyWhileOpen();
     void saveAndExport();
+    void chipHistory();
 };
 
 void TstMonitor::records_data()
@@ -307,6 +314,85 @@ void TstMonitor::saveAndExport()
              }()));
     QCOMPARE(QString::fromUtf8(readAll(dir.filePath("plot.csv"))).count('\n'), 3);
     plots.canvas()->grab();              // draws without a fault
+}
+
+// The chip history from the View menu on a store of a thousand chips: pages
+// fetched as the table scrolls, a filter typed, a new chip followed and
+// flagged as met again, what is shown exported.
+void TstMonitor::chipHistory()
+{
+    QTemporaryDir home;
+    const QByteArray oldHome = qgetenv("HOME");
+    qputenv("HOME", QFile::encodeName(home.path()));
+    const QString folder = RecordFolder();
+    const QString again = QStringLiteral("00000000000000000000ABCD");
+    {
+        SqliteChipStore store(ChipStorePath(folder));
+        QVERIFY(store.open(nullptr));
+        QList<ChipRow> rows;
+        for (int i = 0; i < 1000; ++i) {
+            ChipRow r;
+            r.utcMs = QDateTime::currentMSecsSinceEpoch() - (1000 - i) * 60000LL;
+            r.local = QDateTime::fromMSecsSinceEpoch(r.utcMs).toString("yyyy-MM-dd HH:mm:ss");
+            r.station = "S";
+            r.port = i % 2 ? "COM3" : "COM4";
+            r.chipId = i == 11 ? again : QStringLiteral("%1").arg(i, 24, 10, QLatin1Char('0'));
+            r.order = "K700";
+            r.image = "fw.BIN";
+            r.sha256 = QString(64, 'a');
+            r.result = i % 10 ? "done" : "failed";
+            r.key = ChipRowKey(r);
+            rows << r;
+        }
+        QCOMPARE(store.append(rows, nullptr, nullptr), 1000);
+    }
+    {
+        ScriptedPrompter prompter;
+        ViewForm::Options o;
+        o.appDir = home.path();
+        o.prompter = &prompter;
+        ViewForm form(o);
+        form.chipRecords().boxes = false;
+        form.menuAction("ChipHistory")->trigger();
+        ChipHistoryWindow &w = form.chipHistory();
+        QVERIFY(w.isVisible());
+        QCOMPARE(w.model()->rowCount(), ChipTableModel::kPage);
+        QTRY_VERIFY(w.summaryLabel()->text().startsWith("1000 chips, 900 good, 100 not done, yield 90.0%"));
+        QVERIFY(!w.chart()->hours().isEmpty());
+        w.table()->scrollToBottom();
+        QTRY_VERIFY(w.model()->rowCount() > ChipTableModel::kPage);
+
+        QTest::keyClicks(w.portEdit(), "COM3");
+        QTRY_VERIFY(w.summaryLabel()->text().startsWith("500 chips"));
+        QTest::keyClicks(w.chipEdit(), QString(22, QLatin1Char('0')) + "9");
+        QTRY_COMPARE(w.model()->rowCount(), 5);   // ...0091 to ...0099, the odd ones
+        w.portEdit()->clear();
+        w.chipEdit()->clear();
+        w.applyFilter();
+        QCOMPARE(w.model()->rowCount(), ChipTableModel::kPage);
+
+        // A chip burned now, whose identity was burned before.
+        ChipRecord c;
+        c.when = QDateTime::currentDateTime();
+        c.port = "COM9";
+        const QByteArray id = QByteArray::fromHex(again.toLatin1());
+        std::copy(id.begin(), id.end(), c.chipId.begin());
+        c.result = "done";
+        form.burn.chipLog.toStore(c);
+        QTRY_COMPARE(w.model()->row(0).port, QString("COM9"));
+        QTRY_VERIFY(w.noticeLabel()->text().contains("chip " + again + " was burned before: 1 time(s)"));
+        QTRY_VERIFY(w.summaryLabel()->text().startsWith("1001 chips"));
+
+        const QString out = home.filePath("shown.csv");
+        prompter.files << out;
+        w.resultBox()->setCurrentText("failed");
+        w.findChild<QPushButton *>("ExportCsv")->click();
+        const QStringList lines = QString::fromUtf8(readAll(out)).split("\r\n", Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 101);
+        QCOMPARE(lines[0], CsvJoin(ChipRowHeader()));
+        QVERIFY(lines[1].endsWith(",failed,"));
+    }
+    qputenv("HOME", oldHome);
 }
 
 QTEST_MAIN(TstMonitor)
