@@ -1,5 +1,6 @@
 #include "plotwindow.h"
 
+#include "fileguard.h"
 #include "codec.h"
 #include "paramops.h"
 #include "params.h"
@@ -440,9 +441,9 @@ void PlotWindow::exportCsv()
     for (int r = 0; r < m_ops.params->DisplayRows.size(); ++r)
         names << rowName(r);
     const QByteArray text = SamplesCsv(store, names).toUtf8();
-    QFile f(path);
-    if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate) || f.write(text) != text.size())
-        m_prompter->message(QStringLiteral("Could not write %1: %2").arg(path, f.errorString()),
+    QString why;
+    if (!WriteFileWhole(path, text, &why))
+        m_prompter->message(QStringLiteral("Could not write %1: %2").arg(path, why),
                             QStringLiteral("Live plots"));
 }
 

@@ -7,6 +7,8 @@
 #include "items.h"
 #include "params.h"
 
+#include <sys/stat.h>
+
 using namespace pyro;
 
 namespace {
@@ -340,8 +342,12 @@ private slots:
     {
         QTest::addColumn<int>("imageLen");
         QTest::addColumn<bool>("good");
-        QTest::newRow("blank image") << 2000 << true;
-        QTest::newRow("too short for its block") << 1000 << false;
+        QTest::addColumn<QString>("target");   // the name saved to, when not saved.BIN
+        QTest::addColumn<QString>("why");      // the reason a refused target is given
+        QTest::newRow("blank image") << 2000 << true << "" << "";
+        QTest::newRow("too short for its block") << 1000 << false << "" << "";
+        QTest::newRow("device as the target") << 2000 << false << "/dev/full" << "not a regular file (a device)";
+        QTest::newRow("FIFO as the target") << 2000 << false << "fifo" << "not a regular file (a FIFO)";
     }
 
     void savePro()
@@ -360,10 +366,22 @@ private slots:
         l.BinPath = fx.path("fw.BIN");
         l.view.NotesTxt[5] = "ORDER-7";
         burn.BinData = "running";
-        fx.prompter.files = {fx.path("saved.BIN")};
+        QFETCH(QString, target);
+        if (target == "fifo") {
+            target = fx.path("fifo");
+            QVERIFY(::mkfifo(QFile::encodeName(target).constData(), 0600) == 0);
+        }
+        fx.prompter.files = {target.isEmpty() ? fx.path("saved.BIN") : target};
         QCOMPARE(SavePro(l, burn), good ? 0 : 1);
         QCOMPARE(burn.BinData, QByteArray("running"));
         const QByteArray out = fileBytes(fx.path("saved.BIN"));
+        QFETCH(QString, why);
+        if (!why.isEmpty()) {
+            // Refused with the reason; the device or FIFO stays what it was.
+            QCOMPARE(fx.prompter.shown.last(), QString("提示|保存程序：无法写入 %1（%2），原文件没有改动。").arg(target, why));
+            QVERIFY(!QFileInfo(target).isFile() && QFileInfo(target).exists());
+            return;
+        }
         if (!good) {
             QVERIFY(fx.prompter.shown.isEmpty());
             QVERIFY(l.view.RTB.startsWith("2026-03-14 09:26:53Data error!\r\n"));
