@@ -213,6 +213,8 @@ ViewForm::ViewForm(const Options &options) : m_opt(options)
 ViewForm::~ViewForm()
 {
     m_tick.stop();
+    // A window that goes without a close event leaves no chip unrecorded.
+    ChipLogEnd(link, burn, QStringLiteral("window closed"));
     // The views go before the models they show.
     delete takeCentralWidget();
 }
@@ -1035,6 +1037,8 @@ void ViewForm::changeEvent(QEvent *e)
 void ViewForm::closeEvent(QCloseEvent *e)
 {
     // The close box: the log pane goes to the day's record first. Nothing asks.
+    // A chip cut short by the close gets its line either way.
+    ChipLogEnd(link, burn, QStringLiteral("window closed"));
     if (!m_ending)
         WriteBurnRecord(link);
     m_tick.stop();
@@ -1130,6 +1134,7 @@ void ViewForm::endPro()
     // "Exit" ends at once: no record, no question, nothing finished.
     m_ending = true;
     m_tick.stop();
+    ChipLogEnd(link, burn, QStringLiteral("window closed"));
     close();
     QCoreApplication::exit(0);
 }

@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <sys/stat.h>
 
 using namespace pyro;
 
@@ -26,7 +27,34 @@ private slots:
     void defaultFolderAndFailures();
     void chipRecord_data();
     void chipRecord();
+    void everyEndingOneLine_data();
+    void everyEndingOneLine();
+    void twoBurnsTwoLines();
+    void recordTargetsRefused();
 };
+
+namespace {
+// A bench whose clock runs with its ticks, whose chip lines are kept as they come.
+struct TimedBench : BurnBench {
+    QList<ChipRecord> seen;
+    TimedBench() : BurnBench(Simulated)
+    {
+        link.now = [this] { return QDateTime(QDate(2026, 11, 23), QTime(9, 30)).addMSecs(us / 1000); };
+        burn.chipLog.folder = dir.filePath("records");
+        burn.chipLog.onRecord = [this](const ChipRecord &r) { seen << r; };
+    }
+    QStringList csvLines() const
+    {
+        return QString::fromUtf8(readAll(burn.chipLog.folder + "/2026.11.23(K0).csv")).split("\r\n", Qt::SkipEmptyParts);
+    }
+    // Ticks until the chip in hand is a page into its image.
+    bool midBurn() { return runUntil([this] { return burn.chipLog.active && burn.BinDone >= 1024; }); }
+};
+QString hexId(const QByteArray &id)
+{
+    return QString::fromLatin1(id.toHex().toUpper());
+}
+} // namespace
 
 // Two closings on one day: one file named for the day, two entries; a closing
 // after midnight goes whole into the new day's file. The folder is made when missing.
@@ -126,6 +154,112 @@ void TstRecords::chipRecord()
     QCOMPARE(csv, ChipCsvHeader() + "\r\n" + ChipCsvLine(r) + "\r\n");
     QVERIFY(csv.contains(",/dev/fake0," + QString::fromLatin1(b.sim->chip.identity.toHex().toUpper()) + ",BENCH-7," + path
                          + ",3000," + QString::fromLatin1(r.sha256.toHex()) + ",0.000,"));
+}
+
+// Whatever cuts a burn short, the chip in hand gets one line, with its own
+// identity (none when it never told one) and its own duration.
+void TstRecords::everyEndingOneLine_data()
+{
+    QTest::addColumn<QString>("action");
+    QTest::addColumn<QString>("result");
+    QTest::addColumn<bool>("identified");
+    QTest::newRow("Stop") << "stop" << "stopped" << true;
+    QTest::newRow("CloseUart") << "close" << "port closed" << true;
+    QTest::newRow("frame length changed") << "frame" << "port closed" << true;
+    QTest::newRow("port box changed") << "port" << "port closed" << true;
+    QTest::newRow("AutoDetect") << "scan" << "port closed" << true;
+    QTest::newRow("port lost") << "lost" << "port lost" << true;
+    QTest::newRow("Load File") << "load" << "cut short" << true;
+    QTest::newRow("Load File cancelled") << "cancel" << "cut short" << true;
+    QTest::newRow("chip without identity, Stop") << "noid" << "stopped" << false;
+}
+
+void TstRecords::everyEndingOneLine()
+{
+    QFETCH(QString, action);
+    TimedBench b;
+    if (action == "noid")
+        simArmFault(*b.sim, SimFault::NoIdentity, -1, -1);
+    const QString path = b.start(3000);
+    QVERIFY(b.midBurn());
+    const qint64 cutAt = b.us / 1000;
+    if (action == "stop" || action == "noid")
+        Command4Click(b.link, b.burn);
+    else if (action == "close")
+        Command2Click(b.link);
+    else if (action == "frame" || action == "port") {
+        b.link.view.ComboSet[action == "frame" ? 5 : 0].text = action == "frame" ? "256" : "COM9";
+        ComboSetChange(b.link, action == "frame" ? 5 : 0);
+    } else if (action == "scan")
+        AutoDetect(b.link, {});
+    else if (action == "lost")
+        b.port.vanish();
+    else if (action == "load")
+        ChooseFile(b.link, b.burn, path);
+    else if (action == "cancel")
+        ChooseFile(b.link, b.burn, QString());
+    b.ticks(300);
+
+    QCOMPARE(b.seen.size(), 1);
+    const ChipRecord &r = b.seen[0];
+    QTEST(r.result, "result");
+    QFETCH(bool, identified);
+    QCOMPARE(ChipIdText(r), identified ? hexId(b.sim->chip.identity) : QString());
+    QVERIFY(r.durationMs > 0 && r.durationMs <= cutAt + 15);
+    const QStringList csv = b.csvLines();
+    QCOMPARE(csv.size(), 2);
+    QCOMPARE(csv[1], ChipCsvLine(r));
+    QCOMPARE(csv[1].section(',', 2, 2), ChipIdText(r));
+}
+
+// Program, CloseUart, a new chip, Program, Stop: two lines, each about its
+// own chip and its own time; nothing of the first burn leaks into the second.
+void TstRecords::twoBurnsTwoLines()
+{
+    TimedBench b;
+    const QByteArray first = b.sim->chip.identity;
+    b.start(3000);
+    QVERIFY(b.midBurn());
+    Command2Click(b.link);
+    b.ticks(100);
+    const QByteArray second = QByteArray::fromHex("0102030405060708090A0B0C");
+    simSwapChip(*b.sim, second);
+    b.open();
+    b.ticks(20);
+    const qint64 againAt = b.us / 1000;
+    Command4Click(b.link, b.burn);
+    QVERIFY(b.midBurn());
+    Command4Click(b.link, b.burn);
+    const qint64 stopAt = b.us / 1000;
+    b.ticks(100);
+
+    QCOMPARE(b.seen.size(), 2);
+    QCOMPARE(b.seen[0].result, QString("port closed"));
+    QCOMPARE(ChipIdText(b.seen[0]), hexId(first));
+    QCOMPARE(b.seen[1].result, QString("stopped"));
+    QCOMPARE(ChipIdText(b.seen[1]), hexId(second));
+    QVERIFY(b.seen[0].when.toMSecsSinceEpoch() <= b.seen[1].when.toMSecsSinceEpoch() - b.seen[1].durationMs);
+    QVERIFY(b.seen[1].durationMs > 0 && b.seen[1].durationMs <= stopAt - againAt);
+    QCOMPARE(b.csvLines().size(), 3);
+}
+
+// A record file that is a FIFO or a device is refused with the reason and
+// left as it is: no line goes astray, nothing blocks.
+void TstRecords::recordTargetsRefused()
+{
+    QTemporaryDir dir;
+    const QDateTime when(QDate(2026, 11, 23), QTime(9, 30));
+    QVERIFY(::mkfifo(QFile::encodeName(dir.filePath("2026.11.23(K0).csv")).constData(), 0600) == 0);
+    QVERIFY(QFile::link("/dev/null", dir.filePath("2026.11.23(K0).Txt")));
+    ChipRecord r;
+    r.when = when;
+    r.result = "done";
+    QString why;
+    QVERIFY(!AppendChipRecord(dir.path(), r, &why));
+    QVERIFY2(why.endsWith("not a regular file (a FIFO)"), qPrintable(why));
+    QVERIFY(!AppendBurnRecord(dir.path(), when, "a line"));
+    QVERIFY(QFileInfo(dir.filePath("2026.11.23(K0).csv")).exists());
+    QCOMPARE(QFileInfo(dir.filePath("2026.11.23(K0).Txt")).symLinkTarget(), QString("/dev/null"));
 }
 
 QTEST_GUILESS_MAIN(TstRecords)
