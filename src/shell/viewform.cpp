@@ -1,5 +1,6 @@
 #include "viewform.h"
 
+#include "fonts.h"
 #include "help.h"
 #include "items.h"
 #include "monitorwindow.h"
@@ -151,8 +152,7 @@ QFont designFont(const design::Font &f, const QFont &base)
 {
     QFont font = base;
     if (f.song)
-        font.setFamilies({QStringLiteral("SimSun"), QStringLiteral("宋体"), QStringLiteral("NSimSun"),
-                          QStringLiteral("WenQuanYi Micro Hei"), QStringLiteral("Noto Sans CJK SC")});
+        font.setFamilies(songFamilies());
     if (f.points > 0)
         font.setPointSizeF(f.points);
     font.setBold(f.bold);
@@ -369,6 +369,8 @@ QWidget *ViewForm::makeControl(const design::Control &c, QWidget *parent)
         g->setEditTriggers(QAbstractItemView::NoEditTriggers);
         g->setSelectionMode(QAbstractItemView::SingleSelection);
         g->setWordWrap(false);
+        // The cells take their sizes from the table, their face from here.
+        g->setFont(tableFont(g->font()));
         return g;
     }
     case Kind::List: {
