@@ -1069,6 +1069,13 @@ void ViewForm::showEvent(QShowEvent *e)
 {
     QMainWindow::showEvent(e);
     snapBack();
+    // The frame's extents come whenever the window manager sets them, and
+    // nothing tells the window: look again a few times while it settles.
+    for (int ms : {50, 200, 600, 1500})
+        QTimer::singleShot(ms, this, [this] {
+            if (!isMaximized() && !isFullScreen())
+                snapBack();
+        });
 }
 
 void ViewForm::moveEvent(QMoveEvent *e)
