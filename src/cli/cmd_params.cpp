@@ -3,6 +3,7 @@
 #include "clisession.h"
 #include "commands.h"
 #include "fileguard.h"
+#include "gridedit.h"
 #include "image.h"
 #include "itemblock.h"
 #include "paramops.h"
@@ -24,10 +25,7 @@ const QString kReadOk = QStringLiteral("Successful reading data set");
 const QString kUpdateOk = QStringLiteral("Update the set data successfully");
 const QString kSaveOk = QStringLiteral("Save Settings data successfully");
 const QString kEraseOk = QStringLiteral("Erase the data successfully");
-const QString kRangeTitle = QStringLiteral("提示！");
-const QString kRangeText = QStringLiteral("设置超出范围，有效范围：");
-const QString kProtocolText = QStringLiteral("解析协议错误！");
-const QString kProtocolTitle = QStringLiteral("警告！");
+const QString kStampRefused = QStringLiteral("Set the data validation is invalid");
 
 const char *const kVerbs[][2] = {
     {"read", "read the settings block and print every row; --out keeps it"},
@@ -133,11 +131,12 @@ bool storeValue(Params &p, int r, const QString &text, Prompter *prompter, QStri
     }
     const QStringList range = SplitList(row.Labels);
     if (range.size() != 2) {
-        *error = kProtocolTitle + QStringLiteral(" ") + kProtocolText;
+        *error = kNoRangeText;
         return false;
     }
     if (x < LeadingNumber(range[0]) || x > LeadingNumber(range[1])) {
-        *error = kRangeTitle + QStringLiteral(" ") + kRangeText + range[0] + QStringLiteral("-") + range[1];
+        // The window's message, without its box's title.
+        *error = RangeErrorMessage(range);
         return false;
     }
     return EncodeValue(text.trimmed(), p.SetImage, p.SetRows, r, prompter) == 0
@@ -237,8 +236,12 @@ int takeBlock(ParamsRun &run, QByteArray *block)
         }
         *block = block->left(size);
     }
-    if (CheckImage(*block, run.p.Tables[0]) != 0) {
-        cmd.err << "pyrolink-cli " << cmd.name << ": not a settings block of this table (its length or CRC is wrong)" << Qt::endl;
+    // The update step writes a fresh CRC, as it does for the window's working
+    // copy: a stale one is no fault, only a length field that doesn't fit
+    // the table refuses the block, with the window's words.
+    QByteArray stamped = *block;
+    if (StampImage(stamped, run.p.Tables[0]) != 0) {
+        cmd.err << kStampRefused << Qt::endl;
         return kExitFailed;
     }
     return kExitOk;

@@ -2,6 +2,7 @@
 
 #include "fileguard.h"
 #include "codec.h"
+#include "fonts.h"
 #include "paramops.h"
 #include "params.h"
 #include "prompter.h"
@@ -233,6 +234,8 @@ PlotWindow::PlotWindow(ParamOps &ops, Prompter *prompter, QWidget *parent)
 {
     setObjectName(QStringLiteral("LivePlots"));
     setWindowTitle(QStringLiteral("Live plots"));
+    // Row names and units come from Display.For.
+    setFont(tableFont(font()));
     m_canvas = new PlotCanvas(store, this);
     m_rows = new QListWidget(this);
     m_rows->setObjectName(QStringLiteral("PlotRows"));

@@ -103,10 +103,70 @@ private slots:
             QCOMPARE(f.params.DisplayImage.size(), 73);
     }
 
+    // What a new operator meets before the port is open: the focus on a
+    // control in view, no save button to press, no hint from a disabled
+    // control, and the File menu as designed.
+    void firstMinutes()
+    {
+        Bench b;
+        ViewForm &f = b.start();
+        QWidget *focus = QApplication::focusWidget();
+        QVERIFY(focus);
+        QVERIFY2(b.w("Frame1(0)")->isAncestorOf(focus) || b.w("Frame2")->isAncestorOf(focus), qPrintable(focus->objectName()));
+        QTRY_VERIFY(!b.w("Command3")->isEnabled());
+
+        // Hints: a disabled control leaves panel 3 as it was.
+        QTest::mouseMove(b.w("Command1"), QPoint(5, 5));
+        const QString hint = QStringLiteral("Automatically detects available serial port");
+        QCOMPARE(b.panel(3), hint);
+        for (const char *id : {"Command3", "Check1(0)"}) {
+            QVERIFY(!b.w(id)->isEnabled());
+            QTest::mouseMove(b.w(id), QPoint(5, 5));
+            QCOMPARE(b.panel(3), hint);
+        }
+
+        // "yhghg" stands above "Exit" in the compact view's File menu.
+        auto *file = f.findChild<QMenu *>("file_menu");
+        file->popup(f.mapToGlobal(QPoint(0, 0)));
+        QTRY_VERIFY(file->isVisible());
+        const QRect rule = file->actionGeometry(f.menuAction("yhghg"));
+        QVERIFY(rule.height() > 0);
+        QCOMPARE(rule.bottom() + 1, file->actionGeometry(f.menuAction("EndPro")).top());
+        file->hide();
+
+        // F8 from wherever the focus is, twice: the save button stays off,
+        // its picture is the enabled one's, and it takes no hover or click.
+        for (int i = 0; i < 2; ++i)
+            QTest::keyClick(QApplication::focusWidget(), Qt::Key_F8);
+        f.setFullView(true);
+        b.w("NotesTxt(1)")->setFocus();
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_F8);
+        QVERIFY(!f.fullView());
+        QTest::keyClick(&f, Qt::Key_F8);
+        QWidget *save = b.w("MenuImg(4)");
+        QVERIFY(!save->isEnabled());
+        QVERIFY(!f.link.view.MenuImgEnabled[4]);
+        const QImage off = save->grab().toImage();
+        QTest::mouseMove(b.w("MenuImg(3)"), QPoint(5, 5));
+        QCOMPARE(b.panel(3), QStringLiteral("设置保存到控制器"));
+        const QRect mark = b.w("Shape2")->geometry();
+        QTest::mouseMove(save, QPoint(5, 5));
+        QTest::mouseClick(save, Qt::LeftButton);
+        QCOMPARE(b.panel(3), QStringLiteral("设置保存到控制器"));
+        QCOMPARE(b.w("Shape2")->geometry(), mark);
+        QVERIFY(b.prompter.shown.isEmpty());
+        f.link.view.MenuImgEnabled[4] = true;
+        f.refresh();
+        QVERIFY(save->isEnabled());
+        QCOMPARE(save->grab().toImage(), off);
+    }
+
     void fixedSizeInBothViews()
     {
         Bench b;
         ViewForm &f = b.start();
+        // The outer size from the first show, once the frame is known.
+        QCOMPARE(f.frameGeometry().size(), f.fixedOuterSize());
         for (bool full : {false, true}) {
             f.setFullView(full);
             const QSize fixed = f.size();
