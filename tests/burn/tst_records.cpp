@@ -110,10 +110,10 @@ void TstRecords::chipRecord_data()
     QTest::addColumn<int>("retries");
     QTest::addColumn<QString>("order");   // as typed in box 5
     QTest::addColumn<QString>("field");   // as the CSV line holds it
-    // A quote is doubled and the field quoted, and so is a field with a comma.
+    // A quote is doubled and the field quoted; a field with a comma is quoted.
     QTest::newRow("clean") << int(SimFault::None) << 0 << -1 << false << "done" << 0
-                           << R"(Lot "A", 7)" << R"("Lot ""A"", 7")";
-    QTest::newRow("bad CRC on writes") << int(SimFault::CorruptCrc) << 3 << 0x07 << false << "done" << 3 << "BENCH-7" << "BENCH-7";
+                           << R"(Lot "A" 7)" << R"("Lot ""A"" 7")";
+    QTest::newRow("bad CRC on writes") << int(SimFault::CorruptCrc) << 3 << 0x07 << false << "done" << 3 << "7,bay 2" << R"("7,bay 2")";
     QTest::newRow("refused writes restart the page") << int(SimFault::Refuse) << 2 << 0x07 << false << "done" << 2 << "BENCH-7" << "BENCH-7";
     // Asked again, entering download goes on with the chip begun.
     QTest::newRow("entering download refused once") << int(SimFault::Refuse) << 1 << 0x03 << false << "done" << 1 << "BENCH-7" << "BENCH-7";

@@ -151,7 +151,8 @@ private slots:
         b.store(2, goodImage(1), notes);
         const QByteArray field = fieldOf(recordAt(b.file, 2), box);
         const QString stored = noteOf(recordAt(b.file, 2), box);
-        // No half character before the terminator.
+        // No half character before the terminator, nor in the cut itself.
+        QCOMPARE(GbkCut(text, kNoteBoxes[box].limit).size(), storedBytes);
         QCOMPARE(field.indexOf('\0'), storedBytes);
         QCOMPARE(toGbk(stored).size(), storedBytes);
         QVERIFY(text.startsWith(stored));
