@@ -110,7 +110,7 @@ private slots:
                                          << "Read the data failure";
         QTest::newRow("watch once, no answer") << QStringList{"params", "watch", "--once", "--seconds", "1", "--port", "SIM"}
                                                << "silent" << 4 << "err" << "no running values read";
-        QTest::newRow("line lost") << QStringList{"burn", "--port", "SIM", "--file", "DEMO"} << "lost" << 3 << "err"
+        QTest::newRow("line lost") << QStringList{"burn", "--port", "SIM", "--file", "DEMO", "--auto"} << "lost" << 3 << "err"
                                    << "port SIM: lost during the burn";
         QTest::newRow("Ctrl-C") << QStringList{"burn", "--port", "SIM", "--file", "DEMO", "--auto"} << "stop" << 5 << "err" << "interrupted";
     }
