@@ -160,6 +160,10 @@ struct ParamsRun {
             s.err << "pyrolink-cli " << cmd.name << ": the operation did not start" << Qt::endl;
             return kExitFailed;
         }
+        // Each operation ends by its own count of ticks, in about 11 s at
+        // most on a silent line (a send limit of 500 ticks, then a reply
+        // limit of 200). The 60 s are only a guard against one that never
+        // hands the line back, so that a script is never left hanging.
         bool entered = false;
         const CliSession::End end = s.run([&] {
             entered = entered || s.link.LinkMode == mode;

@@ -18,6 +18,26 @@ QByteArray readAll(const QString &path)
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 const QString kRule(94, QLatin1Char('='));
+
+// The fields of one CSV line as a spreadsheet reads them: a field in double
+// quotes may hold commas, and "" inside it is one quote.
+QStringList csvFields(const QString &line)
+{
+    QStringList out{QString()};
+    bool quoted = false;
+    for (int i = 0; i < line.size(); ++i) {
+        const QChar c = line[i];
+        if (quoted && c == '"' && i + 1 < line.size() && line[i + 1] == '"')
+            out.last() += line[++i];
+        else if (c == '"')
+            quoted = !quoted;
+        else if (c == ',' && !quoted)
+            out << QString();
+        else
+            out.last() += c;
+    }
+    return out;
+}
 } // namespace
 
 class TstRecords : public QObject {
@@ -106,7 +126,8 @@ void TstRecords::defaultFolderAndFailures()
 }
 
 // One line per chip in the companion file, whatever became of the chip:
-// retries counted from the answers the burn had to ask again.
+// retries counted from the answers the burn had to ask again, the time from
+// the chip's first request to enter download.
 void TstRecords::chipRecord_data()
 {
     QTest::addColumn<int>("fault");      // SimFault, armed on function fn
@@ -115,19 +136,29 @@ void TstRecords::chipRecord_data()
     QTest::addColumn<bool>("stop");       // Stop clicked half-way
     QTest::addColumn<QString>("result");
     QTest::addColumn<int>("retries");
-    QTest::newRow("clean") << int(SimFault::None) << 0 << -1 << false << "done" << 0;
-    QTest::newRow("bad CRC on writes") << int(SimFault::CorruptCrc) << 3 << 0x07 << false << "done" << 3;
-    QTest::newRow("refused writes restart the page") << int(SimFault::Refuse) << 2 << 0x07 << false << "done" << 2;
+    QTest::addColumn<QString>("order");   // as typed in box 5
+    QTest::addColumn<QString>("field");   // as the CSV line holds it
+    // A quote is doubled and the field quoted; a field with a comma is quoted.
+    QTest::newRow("clean") << int(SimFault::None) << 0 << -1 << false << "done" << 0
+                           << R"(Lot "A" 7)" << R"("Lot ""A"" 7")";
+    QTest::newRow("bad CRC on writes") << int(SimFault::CorruptCrc) << 3 << 0x07 << false << "done" << 3 << "7,bay 2" << R"("7,bay 2")";
+    QTest::newRow("refused writes restart the page") << int(SimFault::Refuse) << 2 << 0x07 << false << "done" << 2 << "BENCH-7" << "BENCH-7";
+    // Asked again, entering download goes on with the chip begun.
+    QTest::newRow("entering download refused once") << int(SimFault::Refuse) << 1 << 0x03 << false << "done" << 1 << "BENCH-7" << "BENCH-7";
     // The good answer to entering download counts toward the limit too.
-    QTest::newRow("erase always refused") << int(SimFault::Refuse) << -1 << 0x05 << false << "failed" << kBurnRetryLimit - 1;
-    QTest::newRow("stopped") << int(SimFault::None) << 0 << -1 << true << "stopped" << 0;
+    QTest::newRow("erase always refused") << int(SimFault::Refuse) << -1 << 0x05 << false << "failed" << kBurnRetryLimit - 1 << "BENCH-7" << "BENCH-7";
+    QTest::newRow("stopped") << int(SimFault::None) << 0 << -1 << true << "stopped" << 0 << "BENCH-7" << "BENCH-7";
 }
 
 void TstRecords::chipRecord()
 {
     QFETCH(int, fault);
     QFETCH(QString, result);
+    QFETCH(QString, order);
     BurnBench b(BurnBench::Simulated);
+    const QDateTime day(QDate(2026, 11, 23), QTime(9, 30, 0));
+    b.link.now = [&] { return day.addMSecs(b.us / 1000); };
+    b.link.view.NotesTxt[5] = order;
     b.burn.chipLog.folder = b.dir.filePath("records");
     QList<ChipRecord> seen;
     b.burn.chipLog.onRecord = [&](const ChipRecord &r) { seen << r; };
@@ -136,6 +167,8 @@ void TstRecords::chipRecord()
     if (fault != int(SimFault::None))
         simArmFault(*b.sim, SimFault(fault), count, fn);
     const QString path = b.start(3000);
+    QVERIFY(b.runUntil([&] { return b.sent(kFnEnterDownload) > 0; }));
+    const QDateTime begun = b.link.now();
     QFETCH(bool, stop);
     if (stop) {
         QVERIFY(b.runUntil([&] { return b.burn.BinDone >= 1024; }));
@@ -148,12 +181,18 @@ void TstRecords::chipRecord()
     const ChipRecord &r = seen[0];
     QCOMPARE(r.result, result);
     QTEST(r.retries, "retries");
+    QVERIFY(r.when > begun);
+    QCOMPARE(r.durationMs, begun.msecsTo(r.when));
     QCOMPARE(QByteArray(reinterpret_cast<const char *>(r.chipId.data()), 12), b.sim->chip.identity);
     QCOMPARE(r.sha256, QCryptographicHash::hash(b.stamped(), QCryptographicHash::Sha256));
     const QString csv = QString::fromUtf8(readAll(b.burn.chipLog.folder + "/2026.11.23(K0).csv"));
     QCOMPARE(csv, ChipCsvHeader() + "\r\n" + ChipCsvLine(r) + "\r\n");
-    QVERIFY(csv.contains(",/dev/fake0," + QString::fromLatin1(b.sim->chip.identity.toHex().toUpper()) + ",BENCH-7," + path
-                         + ",3000," + QString::fromLatin1(r.sha256.toHex()) + ",0.000,"));
+    QFETCH(QString, field);
+    QVERIFY(ChipCsvLine(r).contains("," + field + ","));
+    QCOMPARE(csvFields(ChipCsvLine(r)),
+             (QStringList{r.when.toString("yyyy-MM-dd HH:mm:ss"), "/dev/fake0", QString::fromLatin1(b.sim->chip.identity.toHex().toUpper()),
+                          order, path, "3000", QString::fromLatin1(r.sha256.toHex()),
+                          QString::number(r.durationMs / 1000.0, 'f', 3), QString::number(r.retries), result}));
 }
 
 // Whatever cuts a burn short, the chip in hand gets one line, with its own

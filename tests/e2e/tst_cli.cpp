@@ -8,6 +8,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 #include <csignal>
+#include <functional>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
@@ -15,9 +16,10 @@ namespace {
 
 const QString kDemo = QStringLiteral(PYRO_DATA_DIR "/demo-firmware.BIN");
 
-// The tool in folder dir with HOME there too; with stopAfter, Ctrl-C (SIGINT)
-// once its output shows that text.
-CliRun cli(const QStringList &args, const QString &home, const QByteArray &stopAfter = {})
+// The tool in folder dir with HOME there too; with stopAfter, Ctrl-C (SIGINT),
+// or atStop when given, once its output shows that text.
+CliRun cli(const QStringList &args, const QString &home, const QByteArray &stopAfter = {},
+           const std::function<void()> &atStop = {})
 {
     QProcess p;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -31,7 +33,9 @@ CliRun cli(const QStringList &args, const QString &home, const QByteArray &stopA
         out += p.readAllStandardOutput();
         err += p.readAllStandardError();
     }
-    if (!stopAfter.isEmpty())
+    if (!stopAfter.isEmpty() && atStop)
+        atStop();
+    else if (!stopAfter.isEmpty())
         ::kill(pid_t(p.processId()), SIGINT);
     if (!p.waitForFinished(120000)) {
         p.kill();
@@ -118,7 +122,7 @@ private slots:
     void usage_data()
     {
         QTest::addColumn<QStringList>("args");
-        QTest::addColumn<QString>("board");      // "", "silent", or "stop" for Ctrl-C once burning
+        QTest::addColumn<QString>("board");      // "", "silent", "stop" for Ctrl-C once burning, or "lost": its line goes then
         QTest::addColumn<int>("code");
         QTest::addColumn<QString>("stream");
         QTest::addColumn<QString>("says");
@@ -135,6 +139,7 @@ private slots:
         QTest::newRow("help params") << QStringList{"params", "-h"} << "" << 0 << "out" << "  watch   the running values";
         QTest::newRow("version db") << QStringList{"db", "--version"} << "" << 0 << "out" << version;
         QTest::newRow("no command") << QStringList{} << "" << 2 << "err" << "no command given";
+        QTest::newRow("db without a verb") << QStringList{"db"} << "" << 2 << "err" << "Usage: pyrolink-cli db VERB";
         QTest::newRow("unknown command") << QStringList{"flash"} << "" << 2 << "err" << "unknown command 'flash'";
         QTest::newRow("unknown verb") << QStringList{"params", "dump"} << "" << 2 << "err" << "unknown verb 'dump'";
         QTest::newRow("unknown option") << QStringList{"burn", "--port", "COM1", "--speed", "9"} << "" << 2 << "err" << "unknown option 'speed'";
@@ -151,6 +156,12 @@ private slots:
         QTest::newRow("refused image") << QStringList{"burn", "--port", "SIM", "--file", "DIR/zeros.BIN"} << "" << 1 << "err" << "the image was refused";
         QTest::newRow("no answer") << QStringList{"burn", "--port", "SIM", "--file", "DEMO", "--timeout", "1"} << "silent" << 4 << "err"
                                    << "no answer from the board on SIM after 1 s";
+        QTest::newRow("read, no answer") << QStringList{"params", "read", "--port", "SIM"} << "silent" << 4 << "err"
+                                         << "Read the data failure";
+        QTest::newRow("watch once, no answer") << QStringList{"params", "watch", "--once", "--seconds", "1", "--port", "SIM"}
+                                               << "silent" << 4 << "err" << "no running values read";
+        QTest::newRow("line lost") << QStringList{"burn", "--port", "SIM", "--file", "DEMO", "--auto"} << "lost" << 3 << "err"
+                                   << "port SIM: lost during the burn";
         QTest::newRow("Ctrl-C") << QStringList{"burn", "--port", "SIM", "--file", "DEMO", "--auto"} << "stop" << 5 << "err" << "interrupted";
     }
 
@@ -159,13 +170,19 @@ private slots:
         QFETCH(QStringList, args);
         QFETCH(QString, board);
         QFETCH(QString, says);
-        auto fill = [&](QString s) { return s.replace("SIM", sim.path).replace("DIR", dir.path()).replace("DEMO", kDemo); };
+        SimProcess own;   // a board whose line may go away
+        if (board == "lost")
+            QVERIFY(own.start());
+        const QString line = board == "lost" ? own.path : sim.path;
+        auto fill = [&](QString s) { return s.replace("SIM", line).replace("DIR", dir.path()).replace("DEMO", kDemo); };
         for (QString &a : args)
             a = fill(a);
         QTemporaryDir home;
         if (board == "silent")
             sim.command("silent on");
-        const CliRun r = cli(args, home.path(), board == "stop" ? QByteArray("chip 1: ") : QByteArray());
+        const bool midway = board == "stop" || board == "lost";
+        const CliRun r = cli(args, home.path(), midway ? QByteArray("chip 1: ") : QByteArray(),
+                             board == "lost" ? std::function<void()>([&] { own.command("close"); }) : std::function<void()>());
         if (board == "silent")
             sim.command("silent off");
         QTEST(r.code, "code");
@@ -175,8 +192,8 @@ private slots:
         // Help is never an action, and a run that never burned leaves no record.
         QVERIFY(!QFileInfo::exists(home.filePath("--help")));
         const QDir records(home.filePath("ProRecord(K0)"));
-        QCOMPARE(records.exists(), board == "stop");
-        if (board == "stop")
+        QCOMPARE(records.exists(), midway);
+        if (midway)
             QCOMPARE(records.entryList({"*.csv"}).size(), 1);
     }
 
