@@ -3,6 +3,7 @@
 #include "burn.h"
 #include "design.h"
 #include "gridedit.h"
+#include "gridundo.h"
 #include "link.h"
 #include "paramops.h"
 #include "params.h"
@@ -30,6 +31,7 @@ namespace pyro {
 class WidgetPrompter;
 class MonitorWindow;
 class PlotWindow;
+class CompareWindow;
 
 // The one working window. It lays out the design, shows the core's view
 // state after every event and every tick, and forwards events to the core's
@@ -53,6 +55,7 @@ public:
     ProjectDb db;
     GridEdit edit;
     ImageStrip strip;
+    GridUndo undo;                       // Ctrl+Z / Ctrl+Y in the settings grid
 
     // A control by its design id ("Command4", "ComboSet(2)").
     QWidget *control(const QString &id) const { return m_controls.value(id); }
@@ -79,6 +82,7 @@ public:
     // The line monitor and the live plots, made when first asked for.
     MonitorWindow &lineMonitor();
     PlotWindow &livePlots();
+    CompareWindow &compareSettings();
 
 protected:
     void resizeEvent(QResizeEvent *e) override;
@@ -130,6 +134,7 @@ private:
     // Declared last, so they let go of link and ops before those go.
     std::unique_ptr<MonitorWindow> m_monitor;
     std::unique_ptr<PlotWindow> m_plots;
+    std::unique_ptr<CompareWindow> m_compare;
 };
 
 } // namespace pyro
