@@ -173,9 +173,9 @@ private slots:
         auto edit = [](QByteArray b, const char *from, const char *to) { return b.replace(from, to); };
         QTest::newRow("out of range") << edit(json, "\"value\": \"0\", \"unit\": \"\", \"stored\": \"0\"}",
                                               "\"value\": \"6001\", \"unit\": \"\", \"stored\": \"\"}")
-                                      << 7 << "设置超出范围，有效范围：0-6000";
-        QTest::newRow("not a label") << edit(json, "\"Forward\"", "\"Sideways\"") << 8 << "'Sideways' is not one of: Forward, Reverse";
-        QTest::newRow("not a number") << edit(csv, ",Current,0.00,", ",Current,12a,") << 11 << "'12a' is not a number";
+                                      << 7 << "row 'Motor/Rated speed': 设置超出范围，有效范围：0-6000";
+        QTest::newRow("not a label") << edit(json, "\"Forward\"", "\"Sideways\"") << 8 << "row 'Motor/Direction': 'Sideways' is not one of: Forward, Reverse";
+        QTest::newRow("not a number") << edit(csv, ",Current,0.00,", ",Current,12a,") << 11 << "row 'Limit/Current': '12a' is not a number";
         QTest::newRow("unknown row") << edit(csv, ",Brake,", ",Clutch,") << 10 << "unknown row 'Motor/Clutch'";
         QTest::newRow("duplicate row") << edit(csv, "2,Motor,Direction", "1,Motor,Rated speed") << 9 << "row 'Motor/Rated speed' again (first on line 8)";
         QTest::newRow("json cut short") << json.left(json.size() - 20) << 10 << "the file ends too soon (cut short?)";
@@ -213,8 +213,8 @@ private slots:
         QVERIFY(loadSettings(a, PYRO_TEST_DATA "/params/worked.For"));
         QStringList lines = QString::fromLatin1(workedTable()).split("\r\n", Qt::SkipEmptyParts);
         QStringList recoloured = lines, moved = lines;
-        recoloured[3].replace("16777215", "255");
-        moved[4].replace("<0||6000", "<0||7000");
+        recoloured[4].replace("16777215", "255");
+        moved[3].replace("<0||6000", "<0||7000");
         QVERIFY(loadSettings(b, writeTable(dir, "Recoloured.For", recoloured)));
         QVERIFY(loadSettings(c, writeTable(dir, "Moved.For", moved)));
         QCOMPARE(IdentifyTable(b).layout, IdentifyTable(a).layout);

@@ -174,7 +174,8 @@ private slots:
         QVERIFY2(r.code == 0, qPrintable(r.out + r.err));
 
         const QString good = write("good.csv", changed);
-        r = runCli(QStringList{"params", "import", good} + port);
+        // The read takes the board's flash: the change shows once saved.
+        r = runCli(QStringList{"params", "import", good, "--save"} + port);
         QVERIFY2(r.code == 0, qPrintable(r.err));
         QVERIFY(r.err.contains("board: 1 rows changed"));
         r = runCli(QStringList{"params", "diff", "board", good} + port);
