@@ -218,6 +218,7 @@ void CompareWindow::take(int i)
         break;
     case CompareSourceKind::Board:
         s.label = QStringLiteral("Board");
+        s.block = m_read.block;          // the last read stands until the next ends
         if (!RequestBoardRead(m_read))
             s.error = m_read.error;
         else
