@@ -347,7 +347,7 @@ int cliParamsService(const QString &verb, const QStringList &args)
     bool done = false;
     const int code = cmd.parse(args, &done);
     if (done)
-        return verb == "diff" && code == kExitFailed ? kDiffTrouble : code;
+        return code;
     const int n = verb == "diff" ? 2 : verb == "import" ? 1 : 0;
     if (!cmd.positional(n, n))
         return kExitUsage;

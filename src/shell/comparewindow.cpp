@@ -143,6 +143,7 @@ CompareWindow::CompareWindow(Link &link, Params &params, ProjectDb &db, Prompter
     m_table->setModel(m_model);
     m_table->setEditTriggers(QAbstractItemView::NoEditTriggers);
     m_table->verticalHeader()->hide();
+    m_table->verticalHeader()->setDefaultSectionSize(m_table->fontMetrics().height() + 6);
     m_table->horizontalHeader()->setStretchLastSection(true);
 
     auto *buttons = new QHBoxLayout;
