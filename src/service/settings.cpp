@@ -209,16 +209,18 @@ QList<RowCompare> CompareBlocks(const Params &p, const QList<QByteArray> &blocks
     for (const SettingRow &s : SettingRows(p)) {
         RowCompare c;
         c.row = s;
-        const QString *first = nullptr;
+        QString first;
+        bool any = false;
         for (const QByteArray &b : blocks) {
             c.values << (b.isEmpty() ? SettingValue{} : ValueAt(p, s, b));
             if (b.isEmpty())
                 continue;
-            const QString &stored = c.values.last().stored;
-            if (!first)
-                first = &stored;
-            else if (stored != *first)
+            const QString stored = c.values.last().stored;
+            if (!any)
+                first = stored;
+            else if (stored != first)
                 c.differs = true;
+            any = true;
         }
         out << c;
     }
