@@ -95,6 +95,10 @@ struct Link {
     // the parameter operations. Mode 0 is the monitor below.
     // Mode 8 is the service bench's read of the board into a block of its own.
     std::array<std::function<void()>, 9> modeStep;
+    // The port closed or went away, or a scan took it, whatever the burn was
+    // doing: the burn ends its chip in hand with this result ("port closed",
+    // "port lost"). Set by AttachBurn.
+    std::function<void(const QString &result)> onBurnCut;
 
     // Called for every frame sent and every outcome judged; unset, it costs
     // one test per exchange.
