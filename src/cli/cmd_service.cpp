@@ -13,7 +13,6 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
-#include <QSaveFile>
 
 using namespace pyro;
 
@@ -242,12 +241,13 @@ int runExport(ServiceRun &run)
         fflush(stdout);
         return kExitOk;
     }
-    QSaveFile f(cmd.parser.value("out"));
-    if (!f.open(QIODevice::WriteOnly) || f.write(text) != text.size() || !f.commit()) {
-        run.s.err << run.prog() << ": cannot write " << f.fileName() << ": " << f.errorString() << Qt::endl;
+    const QString out = cmd.parser.value("out");
+    QString why2;
+    if (!WriteFileWhole(out, text, &why2)) {
+        run.s.err << run.prog() << ": cannot write " << out << ": " << why2 << Qt::endl;
         return kExitFailed;
     }
-    run.s.err << label << ": " << SettingRows(run.p).size() << " rows written to " << f.fileName() << Qt::endl;
+    run.s.err << label << ": " << SettingRows(run.p).size() << " rows written to " << out << Qt::endl;
     return kExitOk;
 }
 

@@ -18,7 +18,6 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QPushButton>
-#include <QSaveFile>
 #include <QTableView>
 #include <QVBoxLayout>
 
@@ -293,11 +292,10 @@ void CompareWindow::exportColumn(int i)
     if (path.isEmpty())
         return;
     const SettingsFormat format = path.endsWith(QLatin1String(".csv"), Qt::CaseInsensitive) ? SettingsFormat::Csv : SettingsFormat::Json;
-    QSaveFile f(path);
-    const QByteArray text = ExportSettings(m_params, block, format, s.label);
-    if (!f.open(QIODevice::WriteOnly) || f.write(text) != text.size() || !f.commit()) {
+    QString why;
+    if (!WriteFileWhole(path, ExportSettings(m_params, block, format, s.label), &why)) {
         if (m_prompter)
-            m_prompter->message(QStringLiteral("%1 can't be written: %2").arg(path, f.errorString()), QStringLiteral("Hint"));
+            m_prompter->message(QStringLiteral("%1 can't be written: %2").arg(path, why), QStringLiteral("Hint"));
         return;
     }
     m_status->setText(QStringLiteral("%1 written to %2").arg(s.label, path));
