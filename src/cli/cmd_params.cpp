@@ -36,6 +36,9 @@ const char *const kVerbs[][2] = {
     {"erase", "restore the board's default settings (asks, or --yes)"},
     {"watch", "the running values, sampled every --interval ms"},
     {"info", "the information block of the firmware"},
+    {"diff", "A B: the rows where two sources differ (board, an item, a file, defaults)"},
+    {"export", "the settings as a readable file, JSON or CSV"},
+    {"import", "FILE: a settings file, checked whole, into the board or an item"},
 };
 
 // One table as the start-up loads it: the block takes BlockSize + 1 bytes.
@@ -371,6 +374,8 @@ int cliParams(const QStringList &argsIn)
         QTextStream(stdout) << "pyrolink-cli " << QCoreApplication::applicationVersion() << Qt::endl;
         return kExitOk;
     }
+    if (verb == "diff" || verb == "export" || verb == "import")
+        return cliParamsService(verb, args);
     QString summary;
     for (const auto &v : kVerbs)
         if (verb == QLatin1String(v[0]))

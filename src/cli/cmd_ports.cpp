@@ -37,8 +37,11 @@ QString stateOf(const QString &device)
 
 int cliPorts(const QStringList &args)
 {
+    if (args.contains(QLatin1String("--probe")))
+        return cliPortsProbe(args);
     CliCommand cmd("ports", "Lists each serial port with its description, maker, serial number and USB ids "
                             "where the system knows them, and whether it is in use.");
+    cmd.add("probe", "Poll each port for a board instead; 'ports --probe --help' tells more.");
     bool done = false;
     const int code = cmd.parse(args, &done);
     if (done)

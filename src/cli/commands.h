@@ -10,3 +10,7 @@ int cliBurn(const QStringList &args);
 int cliParams(const QStringList &args);
 int cliDb(const QStringList &args);
 int cliRecords(const QStringList &args);
+// params diff, export, import.
+int cliParamsService(const QString &verb, const QStringList &args);
+// ports --probe.
+int cliPortsProbe(const QStringList &args);

@@ -93,7 +93,8 @@ struct Link {
 
     // One step of the state machine of LinkMode 1..7, filled by the burn and
     // the parameter operations. Mode 0 is the monitor below.
-    std::array<std::function<void()>, 8> modeStep;
+    // Mode 8 is the service bench's read of the board into a block of its own.
+    std::array<std::function<void()>, 9> modeStep;
     // The port closed or went away, or a scan took it, whatever the burn was
     // doing: the burn ends its chip in hand with this result ("port closed",
     // "port lost"). Set by AttachBurn.

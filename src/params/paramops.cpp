@@ -135,6 +135,7 @@ void ReadSettingsStep(ParamOps &ops)
         } else {
             // The bytes go in before the test: a bad block stays in SetImage.
             copyReplyData(l, p.SetImage, blockSize(p.Tables[0]));
+            ++p.SetImageLoads;
             if (CheckImage(p.SetImage, p.Tables[0]) == 0) {
                 panel2(l, u"Successful reading data set");
                 DecodeBlock(p.MSFG[0], p.SetImage, p.SetRows, p.Tables[0], l.prompter);
@@ -178,6 +179,7 @@ void WriteSettingsStep(ParamOps &ops)
             panel2(l, save ? u"Save Settings data failed" : u"Setting the update data failed");
         } else {
             panel2(l, save ? u"Save Settings data successfully" : u"Update the set data successfully");
+            ++p.SetImageLoads;
             // Only the cell last edited turns black; other red cells stay red.
             GridModel &g = p.MSFG[0];
             g.setFore(g.currentRow(), g.currentCol(), qRgb(0, 0, 0));

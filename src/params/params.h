@@ -22,6 +22,10 @@ struct Params {
     QByteArray SetImage = QByteArray(61, '\0');
     QByteArray DisplayImage = QByteArray(73, '\0');
     GridModel MSFG[2];                   // 0 settings, 1 running values
+    // Counts each time the working copy is replaced or sent whole (a read, an
+    // update, a save, an item load, a paste), so that what remembers edits
+    // of it (undo) knows they no longer apply.
+    quint64 SetImageLoads = 0;
 
     QList<ParamRow> &rows(int table) { return table == 0 ? SetRows : DisplayRows; }
     QByteArray &block(int table) { return table == 0 ? SetImage : DisplayImage; }

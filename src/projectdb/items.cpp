@@ -156,6 +156,7 @@ int TreeNodeClick(ProjectDb &db, Params &p, Link &l, const QString &key)
         grid.setText(row, kValueCol, QString());
     }
     LoadItem(db, p, l.view, key);
+    ++p.SetImageLoads;
     return showStoredSettings(db, p, l);
 }
 
@@ -175,6 +176,7 @@ int MPaseteData(ProjectDb &db, Params &p, Link &l)
     const int n = std::min<int>(db.ImageClip.size(), p.SetImage.size());
     for (int i = 0; i < n; ++i)
         p.SetImage[i] = db.ImageClip[i];
+    ++p.SetImageLoads;
     db.Medite.MPaseteData.enabled = false;   // one copy, one paste
     if (showStoredSettings(db, p, l) != 0)
         return 1;
@@ -192,6 +194,7 @@ bool MenuImg4Click(ProjectDb &db, Params &p, Link &l)
         l.view.SB[2] = kStSaveDeclined;
     } else {
         const int16_t stamped = StampImage(p.SetImage, p.Tables[0]);
+        ++p.SetImageLoads;
         if (SaveItem(db, p, l.view, db.tree.Selected) != 0) {
             l.view.SB[2] = kStNothingSaved;
         } else if (stamped < 1) {

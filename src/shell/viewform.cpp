@@ -7,6 +7,7 @@
 #include "monitorwindow.h"
 #include "pictures.h"
 #include "plotwindow.h"
+#include "comparewindow.h"
 #include "portcontrol.h"
 #include "twips.h"
 #include "widgetprompter.h"
@@ -30,6 +31,7 @@
 #include <QScrollBar>
 #include <QStandardItemModel>
 #include <QStyledItemDelegate>
+#include <QShortcut>
 #include <QTableView>
 #include <QTextBlock>
 #include <QTreeView>
@@ -500,7 +502,9 @@ void ViewForm::wireEvents()
     auto *list = qobject_cast<QTableView *>(control("MSFGList"));
     list->setModel(m_listModel);
     connect(list, &QTableView::clicked, this, [this](const QModelIndex &i) {
+        const UndoMark mark = UndoBegin(params, edit);
         MSFGListClick(edit, params, link.view, link.prompter, i.row());
+        UndoCommit(undo, params, edit, mark);
         refresh();
     });
 
@@ -534,6 +538,15 @@ void ViewForm::wireEvents()
                 refresh();
             });
         }
+    }
+
+    // Undo and redo of the edits typed into the settings grid.
+    for (const auto &[keys, redo] : {std::pair{"Ctrl+Z", false}, std::pair{"Ctrl+Y", true}}) {
+        auto *sc = new QShortcut(QKeySequence(QString::fromLatin1(keys)), control("MSFG(0)"), [this, redo = redo] {
+            redo ? Redo(undo, params, link.view, edit) : Undo(undo, params, link.view, edit);
+            refresh();
+        });
+        sc->setContext(Qt::WidgetWithChildrenShortcut);
     }
 
     auto *tree = qobject_cast<QTreeView *>(control("TreeView"));
@@ -593,10 +606,12 @@ void ViewForm::runMenu(const QString &name)
         setFullView(menuAction(name)->isChecked());
     else if (name == QLatin1String("FastLine"))
         link.fastLine = menuAction(name)->isChecked();
-    else if (name == QLatin1String("LineMonitor") || name == QLatin1String("LivePlots") || name == QLatin1String("ChipHistory")) {
+    else if (name == QLatin1String("LineMonitor") || name == QLatin1String("LivePlots")
+             || name == QLatin1String("ChipHistory") || name == QLatin1String("CompareSettings")) {
         QWidget *w = name == QLatin1String("LineMonitor") ? static_cast<QWidget *>(&lineMonitor())
-            : name == QLatin1String("LivePlots")          ? static_cast<QWidget *>(&livePlots())
-                                                          : static_cast<QWidget *>(&chipHistory());
+                   : name == QLatin1String("LivePlots")   ? static_cast<QWidget *>(&livePlots())
+                   : name == QLatin1String("ChipHistory") ? static_cast<QWidget *>(&chipHistory())
+                                                          : static_cast<QWidget *>(&compareSettings());
         w->show();
         w->raise();
         w->activateWindow();
@@ -726,7 +741,9 @@ bool ViewForm::eventFilter(QObject *watched, QEvent *e)
                 ascii = ke->text().at(0).unicode();
             if (ascii >= 0) {
                 auto *box = qobject_cast<QLineEdit *>(control(id));
+                const UndoMark mark = UndoBegin(params, edit);
                 eaten = !InPutTxtKeyPress(edit, params, link.view, link.prompter, ascii, box->text());
+                UndoCommit(undo, params, edit, mark);
                 refresh();
             }
         }
@@ -1248,6 +1265,15 @@ ChipHistoryWindow &ViewForm::chipHistory()
         m_history->setAttribute(Qt::WA_QuitOnClose, false);
     }
     return *m_history;
+}
+
+CompareWindow &ViewForm::compareSettings()
+{
+    if (!m_compare) {
+        m_compare = std::make_unique<CompareWindow>(link, params, db, m_opt.prompter);
+        m_compare->setAttribute(Qt::WA_QuitOnClose, false);
+    }
+    return *m_compare;
 }
 
 } // namespace pyro

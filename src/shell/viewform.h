@@ -3,6 +3,7 @@
 #include "burn.h"
 #include "design.h"
 #include "gridedit.h"
+#include "gridundo.h"
 #include "link.h"
 #include "paramops.h"
 #include "params.h"
@@ -33,6 +34,7 @@ class MonitorWindow;
 class PlotWindow;
 class ChipRecords;
 class ChipHistoryWindow;
+class CompareWindow;
 
 // The one working window. It lays out the design, shows the core's view
 // state after every event and every tick, and forwards events to the core's
@@ -56,6 +58,7 @@ public:
     ProjectDb db;
     GridEdit edit;
     ImageStrip strip;
+    GridUndo undo;                       // Ctrl+Z / Ctrl+Y in the settings grid
 
     // A control by its design id ("Command4", "ComboSet(2)").
     QWidget *control(const QString &id) const { return m_controls.value(id); }
@@ -85,6 +88,7 @@ public:
     // Every chip into the chip store; its history window, made when first asked for.
     ChipRecords &chipRecords() { return *m_records; }
     ChipHistoryWindow &chipHistory();
+    CompareWindow &compareSettings();
 
 protected:
     void showEvent(QShowEvent *e) override;
@@ -142,6 +146,7 @@ private:
     std::unique_ptr<PlotWindow> m_plots;
     std::unique_ptr<ChipRecords> m_records;
     std::unique_ptr<ChipHistoryWindow> m_history;
+    std::unique_ptr<CompareWindow> m_compare;
 };
 
 } // namespace pyro

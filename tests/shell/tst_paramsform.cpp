@@ -2,12 +2,14 @@
 // image strip, the wheel, the information window, a node click and the save
 // button, the about box and the manual; then read, edit, update, save, read
 // back and erase against the simulated board on a pseudo-terminal.
+#include "comparewindow.h"
 #include "help.h"
 #include "items.h"
 #include "shellbench.h"
 #include "simprocess.h"
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDialog>
 #include <QPushButton>
@@ -75,6 +77,7 @@ private slots:
 
         const int volts = rowOf(m, QStringLiteral("额定电压(V)"));
         QVERIFY(volts > 0);
+        const QString voltsBefore = m.text(volts, 3);
         dblClickCell(grid, volts, 3);
         QVERIFY(box->isVisible());
         QVERIFY(box->geometry().intersects(onCanvas(grid, volts, 3)));
@@ -102,12 +105,34 @@ private slots:
 
         // A list row near the top opens downward, one near the bottom upward.
         const int kind = rowOf(m, QStringLiteral("电机类型"));
+        const QString kindBefore = m.text(kind, 3);
         dblClickCell(grid, kind, 3);
         QVERIFY(list->isVisible());
         QVERIFY(list->geometry().top() >= onCanvas(grid, kind, 3).top());
         const QString second = list->model()->index(1, 0).data().toString();
         QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(list->model()->index(1, 0)).center());
         QVERIFY(!list->isVisible());
+        QCOMPARE(m.text(kind, 3), second);
+        const QByteArray edited = f.params.SetImage;
+
+        // Ctrl+Z and Ctrl+Y in the grid take the edits back and bring them
+        // again, marks and all; a paste ends what can be undone.
+        QApplication::setActiveWindow(&f);
+        grid->setFocus();
+        QTest::keyClick(grid, Qt::Key_Z, Qt::ControlModifier);
+        QCOMPARE(m.text(kind, 3), kindBefore);
+        QTest::keyClick(grid, Qt::Key_Z, Qt::ControlModifier);
+        QCOMPARE(m.text(volts, 3), voltsBefore);
+        QCOMPARE(m.cell(volts, 3).fore, kPlainFore);
+        QCOMPARE(f.params.SetImage, before);
+        QTest::keyClick(grid, Qt::Key_Y, Qt::ControlModifier);
+        QTest::keyClick(grid, Qt::Key_Y, Qt::ControlModifier);
+        QCOMPARE(m.text(volts, 3), QStringLiteral("220"));
+        QCOMPARE(m.cell(volts, 3).fore, kEditedFore);
+        QCOMPARE(f.params.SetImage, edited);
+        Mcopydata(f.db, f.params);
+        MPaseteData(f.db, f.params, f.link);
+        QTest::keyClick(grid, Qt::Key_Z, Qt::ControlModifier);
         QCOMPARE(m.text(kind, 3), second);
 
         const int feedback = rowOf(m, QStringLiteral("位置反馈"));
@@ -288,6 +313,82 @@ private slots:
         QCOMPARE(readsInside, 1);
         QTRY_COMPARE(int(f.link.LinkMode), 0);
         QCOMPARE(f.ops.infoReads, 1);
+    }
+
+    // The compare view: the board against the working copy and the table's
+    // defaults, the rows that differ, export and a checked import.
+    void compareSettings()
+    {
+        SimProcess sim;
+        QVERIFY(sim.start());
+        Bench b;
+        ViewForm &f = b.start();
+        b.w<QComboBox>("ComboSet(0)")->setEditText(sim.path);
+        QTest::mouseClick(f.control("Command2"), Qt::LeftButton);
+        QTRY_COMPARE(b.panel(1), QStringLiteral("Link normal-run mode"));
+        QTest::mouseClick(f.control("MenuImg(1)"), Qt::LeftButton);
+        QTRY_COMPARE_WITH_TIMEOUT(b.panel(2), QStringLiteral("Successful reading data set"), 10000);
+
+        f.menuAction("CompareSettings")->trigger();
+        CompareWindow &c = f.compareSettings();
+        QVERIFY(c.isVisible());
+        auto pick = [&](int i, CompareSourceKind k) {
+            QComboBox *box = c.sourceBox(i);
+            box->setCurrentIndex(box->findData(int(k)));
+            emit box->activated(box->currentIndex());
+        };
+        pick(1, CompareSourceKind::Board);
+        QTRY_VERIFY_WITH_TIMEOUT(!c.source(1).block.isEmpty(), 10000);
+        QTRY_COMPARE(c.model()->differing(), 0);
+        QCOMPARE(b.panel(2), QStringLiteral("Successful reading data set"));   // the board's read says nothing
+
+        // One edit in the grid: one row differs, and the filter shows it alone.
+        const GridModel &m = f.params.MSFG[0];
+        const int poles = rowOf(m, QStringLiteral("电机极对数"));
+        dblClickCell(b.w<QTableView>("MSFG(0)"), poles, 3);
+        auto *box = b.w<QLineEdit>("InPutTxt(0)");
+        box->selectAll();
+        QTest::keyClicks(box, m.text(poles, 3) == "9" ? "7" : "9");
+        QTest::keyClick(box, Qt::Key_Return);
+        pick(2, CompareSourceKind::Defaults);
+        pick(0, CompareSourceKind::Working);
+        QTRY_VERIFY_WITH_TIMEOUT(!c.source(1).block.isEmpty(), 10000);
+        c.onlyDiffering()->setChecked(true);
+        QVERIFY(c.model()->differing() > 1);   // the defaults differ from both in places
+        QVERIFY(c.model()->rowCount() == c.model()->differing());
+        pick(2, CompareSourceKind::None);
+        QCOMPARE(c.model()->rowCount(), 1);
+        QCOMPARE(c.model()->index(0, 2).data().toString(), QStringLiteral("电机极对数"));
+
+        // Export the working copy, then import it with one bad row: refused
+        // whole; and with a good change: shown and marked in the grid.
+        const QString out = b.path("set.csv");
+        b.prompter.files << out;
+        c.exportColumn(0);
+        QByteArray csv = readAll(out);
+        QVERIFY(csv.contains("\n2,电机参数,电机极对数,"));
+        QByteArray bad = csv;
+        bad.replace(",额定电压(V),", ",额定电压(V)!,");
+        writeAll(b.path("bad.csv"), bad);
+        const QByteArray before = f.params.SetImage;
+        b.prompter.files << b.path("bad.csv");
+        c.importToWorking();
+        QVERIFY(b.prompter.shown.last().contains(QStringLiteral("unknown row '电机参数/额定电压(V)!'")));
+        QCOMPARE(f.params.SetImage, before);
+
+        const int volts = rowOf(m, QStringLiteral("额定电压(V)"));
+        const QString oldVolts = m.text(volts, 3);
+        QByteArray good = csv;
+        const int at = int(good.indexOf(",额定电压(V),"));
+        const int end = int(good.indexOf('\n', at));
+        good.replace(at, end - at, oldVolts == "100" ? ",额定电压(V),110,V," : ",额定电压(V),100,V,");
+        writeAll(b.path("good.csv"), good);
+        b.prompter.files << b.path("good.csv");
+        c.importToWorking();
+        QVERIFY(m.text(volts, 3) != oldVolts);
+        QCOMPARE(m.cell(volts, 3).fore, kEditedFore);
+        QCOMPARE(c.model()->rowCount(), 2);   // the working copy against the board
+        QVERIFY(!CanUndo(f.undo, f.params));
     }
 };
 
