@@ -9,6 +9,7 @@
 #include <cstring>
 
 #ifndef Q_OS_WIN
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -109,7 +110,9 @@ PortAccess CheckPortAccess(const QString &device)
 #ifndef Q_OS_WIN
     const QByteArray path = QFile::encodeName(device);
     struct stat st {};
-    if (device.isEmpty() || ::stat(path.constData(), &st) != 0 || ::access(path.constData(), R_OK | W_OK) == 0)
+    // By the effective ids, as open() judges.
+    if (device.isEmpty() || ::stat(path.constData(), &st) != 0
+        || ::faccessat(AT_FDCWD, path.constData(), R_OK | W_OK, AT_EACCESS) == 0)
         return a;
     a.denied = true;
     a.groupMayUse = (st.st_mode & (S_IRGRP | S_IWGRP)) == (S_IRGRP | S_IWGRP);

@@ -45,7 +45,8 @@ void TstAppFolder::init()
     m_samples = m_holder->filePath("usr/share/pyrolink");
     QDir().mkpath(m_bin);
     QDir().mkpath(m_samples);
-    for (const QString &name : AppFolderSamples() << AppFolderManual()) {
+    const QStringList installed = AppFolderSamples() << AppFolderManual();
+    for (const QString &name : installed) {
         const QString p = QDir(m_samples).filePath(name);
         QFile::setPermissions(p, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
         put(p, "sample " + name.toUtf8());
