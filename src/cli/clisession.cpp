@@ -171,17 +171,16 @@ void CliCatchSignals()
 
 QString CliAppDir()
 {
-    static const bool told = [] {
+    static const QString path = [] {
         const pyro::AppFolder &f = pyro::ApplicationFolder();
         QTextStream err(stderr);
         for (const QString &note : f.notes)
             err << "pyrolink-cli: " << note << Qt::endl;
         if (!f.error.isEmpty())
             err << "pyrolink-cli: " << f.error << Qt::endl;
-        return true;
+        return f.path;
     }();
-    Q_UNUSED(told);
-    return pyro::ApplicationFolder().path;
+    return path;
 }
 
 // --- the session -------------------------------------------------------------
