@@ -156,8 +156,10 @@ QString PortAccessPanelText(const PortAccess &a)
     return QStringLiteral("No permission: join group %1, log in again").arg(a.group);
 }
 
-void CancelBurnControls(Link &l)
+void CancelBurnControls(Link &l, const QString &burnResult)
 {
+    if (l.onBurnCut)
+        l.onBurnCut(burnResult);
     l.view.Command4Caption = QStringLiteral("Program");
     l.ModeRequest = 0;
     l.BurnArmed = 0;
@@ -189,7 +191,9 @@ void Command2Click(Link &l)
     l.view.SB[1] = QStringLiteral("Serial uart has ben Opened");
 }
 
-void ClosePort(Link &l)
+namespace {
+
+void closePort(Link &l, const QString &burnResult)
 {
     if (l.MBMC && l.MBMC->isOpen()) {
         l.MBMC->close();
@@ -200,7 +204,19 @@ void ClosePort(Link &l)
     ShowProgress(l.view, l.BinPath, 0);
     if (l.view.Command4Caption == QLatin1String("Stop"))
         AddLog(l, QStringLiteral(" Cancel program"));
-    CancelBurnControls(l);
+    CancelBurnControls(l, burnResult);
+}
+
+} // namespace
+
+void ClosePort(Link &l)
+{
+    closePort(l, QStringLiteral("port closed"));
+}
+
+void PortLost(Link &l)
+{
+    closePort(l, QStringLiteral("port lost"));
 }
 
 void ComboSetChange(Link &l, int)

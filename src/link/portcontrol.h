@@ -20,6 +20,8 @@ QString ResolvePortName(const QString &text, const QString &appDir);
 // Command2: open with the boxes as they stand, or close.
 void Command2Click(Link &l);
 void ClosePort(Link &l);
+// The port went away by itself: closed as by CloseUart, the burn told so.
+void PortLost(Link &l);
 // A change or click in any ComboSet box closes an open port.
 void ComboSetChange(Link &l, int index);
 // Command1: lists the ports that open, leaves the port closed.
@@ -45,7 +47,8 @@ QString PortAccessAdvice(const PortAccess &a);
 // The same, short enough for status panel 2.
 QString PortAccessPanelText(const PortAccess &a);
 
-// Resets the burn controls after a close or a scan.
-void CancelBurnControls(Link &l);
+// Resets the burn controls after a close or a scan; a chip in hand ends with
+// burnResult.
+void CancelBurnControls(Link &l, const QString &burnResult = QStringLiteral("port closed"));
 
 } // namespace pyro

@@ -2,6 +2,7 @@
 // runs of the master. One thread, one Qt event loop.
 #include "appfolder.h"
 #include "frame.h"
+#include "help.h"
 #include "simboard.h"
 
 #include <QCommandLineParser>
@@ -410,10 +411,12 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("pyrolink-sim"));
+    QCoreApplication::setApplicationVersion(pyro::VersionText());
 
     QCommandLineParser p;
     p.setApplicationDescription(QStringLiteral("The simulated controller board on a pseudo-terminal."));
     p.addHelpOption();
+    p.addVersionOption();
     p.addOption({QStringLiteral("link"), QStringLiteral("Symlink to the slave device; a bare name (COM4) goes in the tools' application folder."), QStringLiteral("path")});
     p.addOption({QStringLiteral("baud"), QStringLiteral("Line speed for pacing (57600)."), QStringLiteral("n"), QStringLiteral("57600")});
     p.addOption({QStringLiteral("no-pace"), QStringLiteral("Take requests and give replies at once.")});
