@@ -1,4 +1,5 @@
 #include "clisession.h"
+#include "appfolder.h"
 #include "fileguard.h"
 #include "portcontrol.h"
 
@@ -178,11 +179,25 @@ void CliCatchSignals()
     }
 }
 
+QString CliAppDir()
+{
+    static const QString path = [] {
+        const pyro::AppFolder &f = pyro::ApplicationFolder();
+        QTextStream err(stderr);
+        for (const QString &note : f.notes)
+            err << "pyrolink-cli: " << note << Qt::endl;
+        if (!f.error.isEmpty())
+            err << "pyrolink-cli: " << f.error << Qt::endl;
+        return f.path;
+    }();
+    return path;
+}
+
 // --- the session -------------------------------------------------------------
 
 CliSession::CliSession()
 {
-    link.appDir = QCoreApplication::applicationDirPath();
+    link.appDir = CliAppDir();
     link.prompter = &prompter;
     AttachPort(link, &port);
     InitPortBoxes(link.view);
@@ -231,8 +246,8 @@ int CliSession::openPort(const QString &command)
         return fail(QStringLiteral("not found"));
     if (!S_ISCHR(st.st_mode))
         return fail(QStringLiteral("not a serial device"));
-    if (::access(QFile::encodeName(device).constData(), R_OK | W_OK) != 0)
-        return fail(QStringLiteral("no permission"));
+    if (const PortAccess a = CheckPortAccess(device); a.denied)
+        return fail(PortAccessAdvice(a));
     // "Serial port error！" is said below, with its reason.
     struct Silent : Prompter {
         void message(const QString &, const QString &) override {}

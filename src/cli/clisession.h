@@ -56,6 +56,10 @@ struct CliCommand {
 bool CliInterrupted();
 void CliCatchSignals();
 
+// The application folder the window would use (tables, Config.MPK, COMn
+// links); the first call says on stderr what kept it from being made or seeded.
+QString CliAppDir();
+
 // One headless run of the engine on a real port: the same Link, ticks and
 // port control as the window, driven by a 15 ms precise timer.
 struct CliSession {

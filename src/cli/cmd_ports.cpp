@@ -20,8 +20,8 @@ QString stateOf(const QString &device)
     const QByteArray path = QFile::encodeName(device);
     if (::access(path.constData(), F_OK) != 0)
         return QStringLiteral("not found");
-    if (::access(path.constData(), R_OK | W_OK) != 0)
-        return QStringLiteral("no permission");
+    if (const PortAccess a = CheckPortAccess(device); a.denied)
+        return QStringLiteral("no permission (group %1)").arg(a.group);
     QSerialPort port;
     port.setPortName(device);
     if (port.open(QIODevice::ReadWrite)) {
@@ -48,7 +48,7 @@ int cliPorts(const QStringList &args)
         return code;
     if (!cmd.positional(0, 0))
         return kExitUsage;
-    const QString appDir = QCoreApplication::applicationDirPath();
+    const QString appDir = CliAppDir();
     const QList<QSerialPortInfo> infos = QSerialPortInfo::availablePorts();
     cmd.out << "port\tdevice\tstate\tdescription\tmaker\tserial number\tUSB id\n";
     for (const QString &name : CandidatePorts(appDir)) {

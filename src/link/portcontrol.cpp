@@ -1,9 +1,20 @@
 #include "portcontrol.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSerialPortInfo>
+
+#include <cstring>
+
+#ifndef Q_OS_WIN
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
 
 namespace pyro {
 
@@ -92,6 +103,59 @@ QString ResolvePortName(const QString &text, const QString &appDir)
 #endif
 }
 
+PortAccess CheckPortAccess(const QString &device)
+{
+    PortAccess a;
+    a.device = device;
+#ifndef Q_OS_WIN
+    const QByteArray path = QFile::encodeName(device);
+    struct stat st {};
+    // By the effective ids, as open() judges.
+    if (device.isEmpty() || ::stat(path.constData(), &st) != 0
+        || ::faccessat(AT_FDCWD, path.constData(), R_OK | W_OK, AT_EACCESS) == 0)
+        return a;
+    a.denied = true;
+    a.groupMayUse = (st.st_mode & (S_IRGRP | S_IWGRP)) == (S_IRGRP | S_IWGRP);
+    a.group = QString::number(st.st_gid);
+    if (const struct group *g = ::getgrgid(st.st_gid)) {
+        a.group = QString::fromLocal8Bit(g->gr_name);
+        const struct passwd *pw = ::getpwuid(::geteuid());
+        bool listed = pw && pw->pw_gid == st.st_gid;
+        for (char **m = g->gr_mem; pw && m && *m && !listed; ++m)
+            listed = std::strcmp(*m, pw->pw_name) == 0;
+        // The groups of this login were fixed when it began.
+        gid_t groups[256];
+        const int n = ::getgroups(256, groups);
+        bool active = ::getegid() == st.st_gid;
+        for (int i = 0; i < n && !active; ++i)
+            active = groups[i] == st.st_gid;
+        a.joinedSinceLogin = listed && !active;
+    }
+#endif
+    return a;
+}
+
+QString PortAccessAdvice(const PortAccess &a)
+{
+    if (a.joinedSinceLogin)
+        return QStringLiteral("no permission: %1 belongs to group %2, which this user joined after logging in; "
+                              "log out and in again (a new login is needed for the group to count)").arg(a.device, a.group);
+    if (!a.groupMayUse)
+        return QStringLiteral("no permission: %1 (group %2) may be opened by its owner only; ask the administrator "
+                              "to give it to group dialout, join that group, then log in again").arg(a.device, a.group);
+    return QStringLiteral("no permission: %1 belongs to group %2; add this user to it (sudo adduser $USER %2), "
+                          "then log out and in again (a new login is needed for the group to count)").arg(a.device, a.group);
+}
+
+QString PortAccessPanelText(const PortAccess &a)
+{
+    if (a.joinedSinceLogin)
+        return QStringLiteral("No permission: log in again (group %1)").arg(a.group);
+    if (!a.groupMayUse)
+        return QStringLiteral("No permission: %1 is its owner's only").arg(a.device);
+    return QStringLiteral("No permission: join group %1, log in again").arg(a.group);
+}
+
 void CancelBurnControls(Link &l, const QString &burnResult)
 {
     if (l.onBurnCut)
@@ -113,6 +177,10 @@ void Command2Click(Link &l)
     if (name.isEmpty() || !ParseSettings(MBSettings(l.view), &ps) || !l.MBMC || !l.MBMC->open(name, ps)) {
         if (l.prompter)
             l.prompter->message(QStringLiteral("Serial port error！"), QStringLiteral("Hint"));
+        // The box can't say what to do about a device this user may not
+        // open; panel 2, which nothing else writes on an open, can.
+        if (const PortAccess a = CheckPortAccess(name); a.denied)
+            l.view.SB[2] = PortAccessPanelText(a);
         return;
     }
     l.MBMC->clearOutput();

@@ -29,6 +29,24 @@ void AutoDetect(Link &l, const QStringList &candidates);
 // The ports AutoDetect tries on this platform.
 QStringList CandidatePorts(const QString &appDir);
 
+// Why this user may not open a device that is there: the group that owns
+// it, and whether the user joined that group after this login began (the
+// new group counts only from the next login). denied is false for a device
+// that may be opened, or is no file at all.
+struct PortAccess {
+    bool denied = false;
+    QString device;
+    QString group;                 // the owning group's name (or number)
+    bool groupMayUse = false;      // the group has read and write on it
+    bool joinedSinceLogin = false; // listed in the group, not yet in this login's groups
+};
+PortAccess CheckPortAccess(const QString &device);
+// What to do, in a sentence that begins "no permission": for stderr and the
+// command line's exit 3.
+QString PortAccessAdvice(const PortAccess &a);
+// The same, short enough for status panel 2.
+QString PortAccessPanelText(const PortAccess &a);
+
 // Resets the burn controls after a close or a scan; a chip in hand ends with
 // burnResult.
 void CancelBurnControls(Link &l, const QString &burnResult = QStringLiteral("port closed"));

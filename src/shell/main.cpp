@@ -1,11 +1,15 @@
 // pyrolink: the bench tool's window.
+#include "appfolder.h"
 #include "pictures.h"
 #include "viewform.h"
+#include "widgetprompter.h"
 
 #include <QApplication>
 #include <QScreen>
 #include <QSettings>
 #include <QTemporaryDir>
+
+#include <cstdio>
 
 int main(int argc, char *argv[])
 {
@@ -27,8 +31,22 @@ int main(int argc, char *argv[])
     font.setPointSizeF(9);
     QApplication::setFont(font);
 
+    // Said before the window comes: a folder that can't be had ends the run
+    // here, as the window would otherwise read and write nowhere.
+    const pyro::AppFolder &folder = pyro::ApplicationFolder();
+    pyro::WidgetPrompter prompter(nullptr);
+    for (const QString &note : folder.notes)
+        std::fprintf(stderr, "pyrolink: %s\n", qPrintable(note));
+    if (!folder.error.isEmpty()) {
+        std::fprintf(stderr, "pyrolink: %s\n", qPrintable(folder.error));
+        prompter.message(folder.error, QStringLiteral("Pyrolink"));
+        return 1;
+    }
+    if (!folder.notes.isEmpty())
+        prompter.message(folder.notes.join(QLatin1Char('\n')), QStringLiteral("Pyrolink"));
+
     pyro::ViewForm::Options options;
-    options.appDir = QCoreApplication::applicationDirPath();
+    options.appDir = folder.path;
     pyro::ViewForm form(options);
     // Centred on the screen, at the size the resize step gives it.
     form.show();

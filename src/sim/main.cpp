@@ -1,5 +1,6 @@
 // pyrolink-sim: the simulated board behind a pseudo-terminal, for end-to-end
 // runs of the master. One thread, one Qt event loop.
+#include "appfolder.h"
 #include "frame.h"
 #include "help.h"
 #include "simboard.h"
@@ -7,6 +8,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QCryptographicHash>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -415,7 +417,7 @@ int main(int argc, char **argv)
     p.setApplicationDescription(QStringLiteral("The simulated controller board on a pseudo-terminal."));
     p.addHelpOption();
     p.addVersionOption();
-    p.addOption({QStringLiteral("link"), QStringLiteral("Symlink to the slave device."), QStringLiteral("path")});
+    p.addOption({QStringLiteral("link"), QStringLiteral("Symlink to the slave device; a bare name (COM4) goes in the tools' application folder."), QStringLiteral("path")});
     p.addOption({QStringLiteral("baud"), QStringLiteral("Line speed for pacing (57600)."), QStringLiteral("n"), QStringLiteral("57600")});
     p.addOption({QStringLiteral("no-pace"), QStringLiteral("Take requests and give replies at once.")});
     p.addOption({QStringLiteral("mode"), QStringLiteral("Board mode 1 loader, 2 running, 3 stopped."), QStringLiteral("n"), QStringLiteral("2")});
@@ -471,8 +473,19 @@ int main(int argc, char **argv)
     QString slave, error;
     if (!host.openLine(baud, &slave, &error))
         return fail(error);
-    if (p.isSet(QStringLiteral("link")) && !host.makeLink(p.value(QStringLiteral("link")), slave, &error))
-        return fail(error);
+    if (p.isSet(QStringLiteral("link"))) {
+        QString link = p.value(QStringLiteral("link"));
+        // A bare name is a port name, put where the window and the command
+        // line look for their COMn links.
+        if (!link.contains(QLatin1Char('/'))) {
+            const AppFolder &folder = ApplicationFolder();
+            if (!folder.error.isEmpty())
+                return fail(folder.error);
+            link = QDir(folder.path).filePath(link);
+        }
+        if (!host.makeLink(link, slave, &error))
+            return fail(error);
+    }
     std::signal(SIGTERM, onSignal);
     std::signal(SIGINT, onSignal);
     std::signal(SIGPIPE, SIG_IGN);

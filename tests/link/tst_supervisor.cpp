@@ -4,6 +4,10 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 using namespace pyro;
 
 // A board that answers every poll with the given status, or stays silent.
@@ -37,6 +41,7 @@ private slots:
     void nestedTickIsRefused();
     void portControl();
     void autoDetectAndSettings();
+    void portWithoutPermission();
 };
 
 // Never opened, or pulled in the middle of an exchange: the tick shows the
@@ -245,6 +250,57 @@ void TstSupervisor::autoDetectAndSettings()
         QVERIFY(b.port.isOpen());
         QCOMPARE(b.port.openedSettings.parity, letter);
         b.open();
+    }
+}
+
+
+// A device this user may not open: the design's box as ever, and panel 2 says
+// which group to join and that a new login is needed.
+void TstSupervisor::portWithoutPermission()
+{
+    if (::geteuid() != 0)
+        QSKIP("takes on another user, which needs root");
+    QTemporaryDir dir;
+    // Open to all: the other user keeps root's group, whose bits count for it.
+    QFile::setPermissions(dir.path(), QFile::permissions(dir.path()) | QFileDevice::ExeGroup | QFileDevice::ExeOther);
+    const QString dev = dir.filePath("ttyFAKE0");
+    QVERIFY(QFile(dev).open(QIODevice::WriteOnly));
+    const gid_t gid = 20;   // dialout on Debian; the name is read back as the code does
+    const struct group *g = ::getgrgid(gid);
+    const QString group = g ? QString::fromLocal8Bit(g->gr_name) : QString::number(gid);
+    QCOMPARE(::chown(QFile::encodeName(dev).constData(), 0, gid), 0);
+    QCOMPARE(::chmod(QFile::encodeName(dev).constData(), 0660), 0);
+
+    // As root every device opens: nothing to say.
+    QVERIFY(!CheckPortAccess(dev).denied);
+    QVERIFY(!CheckPortAccess(dir.filePath("none")).denied);
+
+    struct AsNobody {
+        AsNobody() { ok = ::seteuid(65534) == 0; }
+        ~AsNobody() { QVERIFY(::seteuid(0) == 0); }
+        bool ok = false;
+    };
+    LinkBench b;
+    b.link.view.ComboSet[0].text = dev;
+    b.port.refusedNames << dev;
+    {
+        AsNobody nobody;
+        QVERIFY(nobody.ok);
+        b.open();
+        QCOMPARE(b.prompter.shown, QStringList{"Hint|Serial port error！"});
+        QCOMPARE(b.link.view.SB[2], "No permission: join group " + group + ", log in again");
+        const QString advice = PortAccessAdvice(CheckPortAccess(dev));
+        QVERIFY2(advice.startsWith("no permission: " + dev + " belongs to group " + group + "; add this user to it")
+                     && advice.contains("a new login is needed"), qPrintable(advice));
+    }
+    // Only its owner may: joining the group would not help.
+    QCOMPARE(::chmod(QFile::encodeName(dev).constData(), 0600), 0);
+    {
+        AsNobody nobody;
+        QVERIFY(nobody.ok);
+        b.open();
+        QCOMPARE(b.link.view.SB[2], "No permission: " + dev + " is its owner's only");
+        QVERIFY(PortAccessAdvice(CheckPortAccess(dev)).contains("ask the administrator"));
     }
 }
 
