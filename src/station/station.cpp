@@ -166,7 +166,10 @@ void observe(Station &s, StationPort &p)
             chipBegun(s, p);
     }
     if (chipActive(p)) {
-        const int done = p.burn.BinDone + p.burn.PageFill;
+        // Once a page is full its bytes are in BinDone; PageFill keeps them
+        // until the next erase.
+        const bool pageClosed = p.link.StateWord >= 9;
+        const int done = p.burn.BinDone + (pageClosed ? 0 : p.burn.PageFill);
         p.percent = p.burn.BinLen > 0 ? std::clamp(int(qint64(done) * 100 / p.burn.BinLen), 0, 100) : 0;
         p.state = QStringLiteral("burning");
     } else if (p.link.view.Command4Caption != QLatin1String("Stop")) {
