@@ -181,6 +181,7 @@ const QList<MenuItem> &viewFormMenus()
         {"FastLine", "view_menu", "Fast line", true, true, true, {}, true},
         {"LineMonitor", "view_menu", "Line monitor", true, true, true, {}, false},
         {"LivePlots", "view_menu", "Live plots", true, true, true, {}, false},
+        {"Station", "view_menu", "Production station", true, true, true, {}, false},
         {"about_menu", "", "About", true, true, true, {}, false},
         {"AboutMe", "about_menu", "About Burning", true, true, true, {}, false},
         {"PeoHelp", "about_menu", "operation manual", true, true, true, {}, false},

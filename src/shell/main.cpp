@@ -1,8 +1,12 @@
 // pyrolink: the bench tool's window.
 #include "pictures.h"
+#include "stationwindow.h"
 #include "viewform.h"
+#include "widgetprompter.h"
 
 #include <QApplication>
+#include <QCheckBox>
+#include <QPushButton>
 #include <QScreen>
 
 int main(int argc, char *argv[])
@@ -16,6 +20,28 @@ int main(int argc, char *argv[])
     font.setFamilies({font.family(), QStringLiteral("WenQuanYi Micro Hei"), QStringLiteral("Noto Sans CJK SC")});
     font.setPointSizeF(9);
     QApplication::setFont(font);
+
+    // A bench PC that only burns opens the station alone.
+    if (app.arguments().contains(QStringLiteral("--station"))) {
+        pyro::WidgetPrompter prompter(nullptr);
+        pyro::StationWindow station(&prompter);
+        station.station.appDir = QCoreApplication::applicationDirPath();
+        // The bench's own set-up: --port P (repeated), --file F, --auto, --start.
+        const QStringList args = app.arguments();
+        for (int i = 1; i < args.size(); ++i) {
+            const QString next = args.value(i + 1);
+            if (args[i] == QLatin1String("--port") && !next.isEmpty())
+                station.addPortNamed(args[++i]);
+            else if (args[i] == QLatin1String("--file") && !next.isEmpty())
+                station.loadFileNamed(args[++i]);
+            else if (args[i] == QLatin1String("--auto"))
+                station.autoLoadBox()->setChecked(true);
+        }
+        station.show();
+        if (args.contains(QStringLiteral("--start")))
+            station.startButton()->click();
+        return app.exec();
+    }
 
     pyro::ViewForm::Options options;
     options.appDir = QCoreApplication::applicationDirPath();

@@ -29,6 +29,7 @@ namespace pyro {
 
 class WidgetPrompter;
 class MonitorWindow;
+class StationWindow;
 class PlotWindow;
 
 // The one working window. It lays out the design, shows the core's view
@@ -78,6 +79,8 @@ public:
     std::unique_ptr<QDialog> makeBitInfForm(const BitInfRec &rec);
     // The line monitor and the live plots, made when first asked for.
     MonitorWindow &lineMonitor();
+    // The production station; the port open here is refused there.
+    StationWindow &stationWindow();
     PlotWindow &livePlots();
 
 protected:
@@ -130,6 +133,7 @@ private:
     // Declared last, so they let go of link and ops before those go.
     std::unique_ptr<MonitorWindow> m_monitor;
     std::unique_ptr<PlotWindow> m_plots;
+    std::unique_ptr<StationWindow> m_station;
 };
 
 } // namespace pyro

@@ -110,9 +110,7 @@ void chipBegun(Station &s, StationPort &p)
     const ChipIdent id = p.burn.chipLog.current.chipId;
     p.chipId = id;
     p.chipKnown = true;
-    p.verdict = Verdict::None;
-    p.reason.clear();
-    p.warning.clear();
+    p.warning.clear();      // the last verdict stays until this chip has its own
     p.percent = 0;
     const QByteArray key(reinterpret_cast<const char *>(id.data()), int(id.size()));
     const auto it = s.seen.constFind(key);
