@@ -4,9 +4,11 @@
 // AutoLoad, in normal mode and on the fast line. Prints payload bytes a
 // second and chips an hour for each number of ports, the scaling against one
 // port, the tick period (mean and worst) and this program's CPU.
-// Usage: bench-station [--chips K] [--ports 1,2,4,8] [--window] [--sim PATH]
+// Usage: bench-station [--chips K] [--ports 1,2,4,8] [--window] [--fast-only]
+//                      [--erase-ticks N] [--sim PATH]
 // (K chips per port, 2 unless told; --window shows the station window, on
-// whatever display Qt finds, and ticks by its timer)
+// whatever display Qt finds, and ticks by its timer; --erase-ticks is the
+// board's page erase time in ticks, 2 unless told)
 #include "benchkit.h"
 #include "station.h"
 #include "stationwindow.h"
@@ -40,11 +42,12 @@ struct Result {
 };
 
 Result runStation(const QString &simPath, const QString &image, int ports, int chipsPerPort, bool fast, bool window,
-                  QTextStream &err)
+                  const QStringList &simArgs, QTextStream &err)
 {
     Result r;
     QProcess sim;
-    const QString first = startSim(sim, simPath, {"--boards", QString::number(ports), "--swap-after-burn", "--no-stdin"}, err);
+    const QString first = startSim(sim, simPath,
+                                   QStringList{"--boards", QString::number(ports), "--swap-after-burn", "--no-stdin"} + simArgs, err);
     if (first.isEmpty()) {
         r.why = "no simulated boards";
         return r;
@@ -133,6 +136,8 @@ int main(int argc, char **argv)
     int chips = 2;
     QList<int> counts{1, 2, 4, 8};
     bool window = false;
+    QList<bool> modes{false, true};
+    QStringList simArgs;
     for (int i = 0; i < args.size(); ++i) {
         if (args[i] == "--chips" && i + 1 < args.size())
             chips = std::max(1, args[++i].toInt());
@@ -145,8 +150,12 @@ int main(int argc, char **argv)
                     counts << n.toInt();
         } else if (args[i] == "--window")
             window = true;
+        else if (args[i] == "--fast-only")
+            modes = {true};
+        else if (args[i] == "--erase-ticks" && i + 1 < args.size())
+            simArgs << "--erase-ticks" << args[++i];
         else {
-            err << "usage: bench-station [--chips K] [--ports 1,2,4,8] [--window] [--sim PATH]\n";
+            err << "usage: bench-station [--chips K] [--ports 1,2,4,8] [--window] [--fast-only] [--erase-ticks N] [--sim PATH]\n";
             return 2;
         }
     }
@@ -164,16 +173,17 @@ int main(int argc, char **argv)
     }
     f.close();
 
-    out << QString("57600 baud, image %1 bytes, frame length 512, %2 chip(s) a port, AutoLoad with chip swaps%3\n")
-               .arg(img.size()).arg(chips).arg(window ? ", station window shown" : "");
+    out << QString("57600 baud, image %1 bytes, frame length 512, %2 chip(s) a port, AutoLoad with chip swaps%3%4\n")
+               .arg(img.size()).arg(chips).arg(window ? ", station window shown" : "")
+               .arg(simArgs.isEmpty() ? QString() : ", board: " + simArgs.join(' '));
     out << QString("  %1 %2 %3 %4 %5 %6 %7 %8 %9\n")
                .arg("mode", -7).arg("ports", 5).arg("wall s", 7).arg("byte/s", 7).arg("chips/h", 8)
                .arg("scaling", 8).arg("tick ms mean/worst", 19).arg(">50ms", 5).arg("CPU %", 6);
     int status = 0;
-    for (bool fast : {false, true}) {
+    for (bool fast : modes) {
         double onePort = 0;
         for (int n : counts) {
-            const Result r = runStation(simPath, path, n, chips, fast, window, err);
+            const Result r = runStation(simPath, path, n, chips, fast, window, simArgs, err);
             if (!r.ok) {
                 err << "bench-station: " << (fast ? "fast" : "normal") << " on " << n << " port(s): " << r.why << "\n";
                 status = 1;

@@ -74,6 +74,7 @@ int cliBurnPorts(const QStringList &ports, const BurnPortsOptions &o, const pyro
     st.fastLine = o.fast;
     st.order = o.order;
     st.chipsTarget = o.chips;
+    st.stallTicks = 0;                   // --timeout watches progress here
 
     // Every port named is checked first; a port named twice is a usage error.
     for (const QString &p : ports) {

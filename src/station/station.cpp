@@ -110,6 +110,8 @@ void chipBegun(Station &s, StationPort &p)
     const ChipIdent id = p.burn.chipLog.current.chipId;
     p.chipId = id;
     p.chipKnown = true;
+    p.lastDone = -1;
+    p.stalled = 0;
     p.warning.clear();      // the last verdict stays until this chip has its own
     p.percent = 0;
     const QByteArray key(reinterpret_cast<const char *>(id.data()), int(id.size()));
@@ -170,6 +172,16 @@ void observe(Station &s, StationPort &p)
         const int done = p.burn.BinDone + (pageClosed ? 0 : p.burn.PageFill);
         p.percent = p.burn.BinLen > 0 ? std::clamp(int(qint64(done) * 100 / p.burn.BinLen), 0, 100) : 0;
         p.state = QStringLiteral("burning");
+        if (done != p.lastDone) {
+            p.lastDone = done;
+            p.stalled = 0;
+        } else if (s.stallTicks > 0 && ++p.stalled >= s.stallTicks && p.link.MBStep == 0) {
+            // Given up as the retry limit gives up: back to polling for a chip.
+            p.stalled = 0;
+            ChipLogEnd(p.link, p.burn, QStringLiteral("no progress"));
+            p.link.TryCount = 0;
+            p.link.StateWord = 1;
+        }
     } else if (p.link.view.Command4Caption != QLatin1String("Stop")) {
         // The burn ended by itself: one chip without AutoLoad, or the order full.
         endRow(p, p.verdict == Verdict::Pass ? QStringLiteral("done") : QStringLiteral("ended"));
@@ -470,6 +482,10 @@ QString StationFailReason(const StationPort &p, const QString &result)
         return QStringLiteral("interrupted");
     if (result == QLatin1String("timed out"))
         return QStringLiteral("timed out");
+    if (result == QLatin1String("no progress"))
+        return p.lastOutcome == 0 && p.lastStatus != 0
+            ? QStringLiteral("no progress: the chip refuses (status %1)").arg(p.lastStatus, 2, 16, QLatin1Char('0'))
+            : QStringLiteral("no progress");
     if (result != QLatin1String("failed"))
         return result;
     const int tries = kBurnRetryLimit - 1;

@@ -44,6 +44,8 @@ struct StationPort {
     uint8_t lastStatus = 0;
     int silentPolls = 0;                 // identify requests in a row without an answer
     int begunSeen = 0;                   // ChipLog::begun at the last look
+    int lastDone = -1;                   // image bytes of the chip in hand at the last move
+    int stalled = 0;                     // ticks since they moved
     qint64 runStartedTick = 0;
     qint64 runTicks = 0;                 // ticks the row has run
 };
@@ -68,6 +70,10 @@ struct Station {
     bool fastLine = false;
     QString order;                       // stamped into the image and recorded
     int chipsTarget = 0;                 // good chips in total; 0: no limit
+    // A chip in hand whose bytes don't move for so many ticks is given up
+    // (a board that refuses a page has it erased again and again, and the
+    // retry limit never counts that out); 0: never.
+    int stallTicks = 1333;               // 20 s
 
     // The image: chosen, then prepared once at Start and shared.
     QString binPath;
