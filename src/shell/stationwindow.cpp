@@ -145,7 +145,10 @@ StationWindow::StationWindow(Prompter *prompter, QWidget *parent)
 
 StationWindow::~StationWindow()
 {
+    // The program ending with the window still open: the same as a close.
     m_tick.stop();
+    StationStop(station);
+    StationWriteRecord(station);
 }
 
 void StationWindow::say(const QString &text)
