@@ -133,6 +133,7 @@ bool ChipIdDiffers(const Burn &b)
 void AttachBurn(Link &l, Burn &b)
 {
     l.modeStep[1] = [&l, &b] { BurnStep(l, b); };
+    l.onBurnCut = [&l, &b](const QString &result) { ChipLogEnd(l, b, result); };
 }
 
 void Command4Click(Link &l, Burn &b)

@@ -1,9 +1,9 @@
 #include "chiplog.h"
 #include "burn.h"
+#include "fileguard.h"
 
 #include <QCryptographicHash>
 #include <QDir>
-#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -12,6 +12,7 @@ namespace pyro {
 namespace {
 
 constexpr int kStatusAt = 2;
+constexpr int kIdentityReplyLen = 3 + 12 + 2;   // status, identity, CRC
 
 QString csvField(const QString &s)
 {
@@ -21,11 +22,6 @@ QString csvField(const QString &s)
     QString q = s;
     q.replace(QLatin1String("\""), QLatin1String("\"\""));
     return QLatin1Char('"') + q + QLatin1Char('"');
-}
-
-QString idText(const std::array<uint8_t, 12> &id)
-{
-    return QString::fromLatin1(QByteArray(reinterpret_cast<const char *>(id.data()), int(id.size())).toHex().toUpper());
 }
 
 QString timeText(const QDateTime &t)
@@ -45,7 +41,11 @@ void beginChip(Link &l, Burn &b)
     ++c.begun;
     c.current = ChipRecord{};
     c.current.port = l.view.ComboSet[0].text;
-    c.current.chipId = b.ChipId;
+    // A chip that answered without an identity is begun all the same; its
+    // line must not carry the identity of the chip before it.
+    c.current.chipIdKnown = c.polledId;
+    if (c.polledId)
+        c.current.chipId = b.ChipId;
     c.current.order = l.view.NotesTxt[5];
     c.current.imagePath = l.BinPath;
     c.current.imageLen = b.BinLen;
@@ -65,9 +65,16 @@ QString ChipCsvHeader()
     return QStringLiteral("time,port,chip_id,order,image,length,sha256,duration_s,retries,result");
 }
 
+QString ChipIdText(const ChipRecord &r)
+{
+    if (!r.chipIdKnown)
+        return {};
+    return QString::fromLatin1(QByteArray(reinterpret_cast<const char *>(r.chipId.data()), int(r.chipId.size())).toHex().toUpper());
+}
+
 QString ChipCsvLine(const ChipRecord &r)
 {
-    const QStringList f{timeText(r.when), csvField(r.port), idText(r.chipId), csvField(r.order),
+    const QStringList f{timeText(r.when), csvField(r.port), ChipIdText(r), csvField(r.order),
                         csvField(r.imagePath), QString::number(r.imageLen), QString::fromLatin1(r.sha256.toHex()),
                         secondsText(r.durationMs), QString::number(r.retries), r.result};
     return f.join(QLatin1Char(','));
@@ -78,7 +85,7 @@ QString ChipJson(const ChipRecord &r)
     QJsonObject o;
     o[QLatin1String("time")] = timeText(r.when);
     o[QLatin1String("port")] = r.port;
-    o[QLatin1String("chip_id")] = idText(r.chipId);
+    o[QLatin1String("chip_id")] = ChipIdText(r);
     o[QLatin1String("order")] = r.order;
     o[QLatin1String("image")] = r.imagePath;
     o[QLatin1String("length")] = r.imageLen;
@@ -96,20 +103,15 @@ bool AppendChipRecord(const QString &folder, const ChipRecord &r, QString *error
             *error = QStringLiteral("cannot make the folder %1").arg(QDir::toNativeSeparators(folder));
         return false;
     }
-    QFile f(QDir(folder).filePath(ChipLogFileName(r.when.date())));
-    if (!f.open(QIODevice::WriteOnly | QIODevice::Append)) {
-        if (error)
-            *error = QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(f.fileName()), f.errorString());
-        return false;
-    }
+    const QString path = QDir(folder).filePath(ChipLogFileName(r.when.date()));
     // Header and line in one write, so that an interrupted run leaves whole lines.
-    QString text = f.size() == 0 ? ChipCsvHeader() + QStringLiteral("\r\n") : QString();
-    text += ChipCsvLine(r) + QStringLiteral("\r\n");
-    const QByteArray bytes = text.toUtf8();
-    const bool ok = f.write(bytes) == bytes.size() && f.flush();
-    if (!ok && error)
-        *error = QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(f.fileName()), f.errorString());
-    return ok;
+    QString why;
+    if (AppendToFile(path, (ChipCsvLine(r) + QStringLiteral("\r\n")).toUtf8(), &why,
+                     (ChipCsvHeader() + QStringLiteral("\r\n")).toUtf8()))
+        return true;
+    if (error)
+        *error = QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(path), why);
+    return false;
 }
 
 void ChipLogEnd(Link &l, Burn &b, const QString &result)
@@ -132,6 +134,15 @@ void ChipLogStep(Link &l, Burn &b)
 {
     ChipLog &c = b.chipLog;
     switch (l.StateWord) {
+    case 0: // a burn starts afresh: nothing of a chip before it may carry over
+        if (c.active)
+            ChipLogEnd(l, b, QStringLiteral("cut short"));
+        c.polledId = false;
+        break;
+    case 2: // the identity answer is judged on this step
+        if (l.MBStep == 0)
+            c.polledId = l.MBResult == 0 && l.MBRxBuf.size() >= kIdentityReplyLen && l.MBRxBuf[kStatusAt] != 0;
+        break;
     case 3: // enter download: the first time for this chip, it begins
         if (!c.active)
             beginChip(l, b);

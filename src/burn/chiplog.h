@@ -18,13 +18,17 @@ struct ChipRecord {
     QDateTime when;              // the chip's end
     QString port;
     std::array<uint8_t, 12> chipId{};
+    bool chipIdKnown = false;    // false: the chip never told its identity
     QString order;
     QString imagePath;
     int32_t imageLen = 0;
     QByteArray sha256;           // of the stamped image as it went on the line
     qint64 durationMs = 0;
     int retries = 0;             // answers that had to be asked again
-    QString result;              // "done", "failed", "stopped"
+    // "done", "failed" (given up), "stopped" (Stop), "port closed" (CloseUart,
+    // a box changed, AutoDetect), "port lost", "cut short" (Load File),
+    // "window closed"; the command line adds "interrupted" and "timed out".
+    QString result;
 };
 
 // What the burn keeps about the chip in hand. The folder empty: no file is
@@ -35,6 +39,8 @@ struct ChipLog {
 
     bool active = false;
     ChipRecord current;
+    // The identity the last poll read, if it read one: the next chip begun is that chip.
+    bool polledId = false;
     QDateTime started;
     int begun = 0;               // chips whose burn began in this run
     QString writeError;          // the first failure to write, kept until read
@@ -45,6 +51,8 @@ struct ChipLog {
 QString ChipLogFileName(const QDate &day);
 QString ChipCsvHeader();
 QString ChipCsvLine(const ChipRecord &r);
+// 24 upper-case hex digits, or empty when the chip never told its identity.
+QString ChipIdText(const ChipRecord &r);
 // One line of JSON, no line end.
 QString ChipJson(const ChipRecord &r);
 // Appends the line (and the header when the file is new) in one write.
@@ -54,6 +62,8 @@ bool AppendChipRecord(const QString &folder, const ChipRecord &r, QString *error
 // an answer asked again, a chip finished or given up.
 void ChipLogStep(Link &l, Burn &b);
 // Ends the chip in hand, if any, with this result (a Stop, an interrupted run).
+// The one place a chip's line is written; onRecord follows it. Each chip
+// begun ends here exactly once.
 void ChipLogEnd(Link &l, Burn &b, const QString &result);
 
 } // namespace pyro

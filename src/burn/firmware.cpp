@@ -24,9 +24,11 @@ QString startFolder(const QString &notes)
     return cut > 0 ? notes.left(cut) : QString();
 }
 
-// A running burn ends without a cancel line; BurnBegun stays.
-void endBurnForLoad(Link &l)
+// A running burn ends without a cancel line; BurnBegun stays. The chip in
+// hand gets its record line all the same.
+void endBurnForLoad(Link &l, Burn &b)
 {
+    ChipLogEnd(l, b, QStringLiteral("cut short"));
     l.view.Command4Caption = QStringLiteral("Program");
     l.ModeRequest = 0;
     l.BurnArmed = 0;
@@ -67,7 +69,7 @@ void ChooseFile(Link &l, Burn &b, const QString &name)
             // would close each new chip's image after one blank page.
             l.view.Command3Enabled = true;
             b.BinLen = 0;
-            endBurnForLoad(l);
+            endBurnForLoad(l, b);
             return;
         }
         b.BinLen = int32_t(std::min<qint64>(QFileInfo(name).size(), INT32_MAX));
@@ -77,7 +79,7 @@ void ChooseFile(Link &l, Burn &b, const QString &name)
         l.view.Command4Enabled = true;
     }
     ShowProgress(l.view, l.BinPath, 0);
-    endBurnForLoad(l);
+    endBurnForLoad(l, b);
 }
 
 int16_t PrepareImage(Link &l, Burn &b, const QString &path, QString *reason)

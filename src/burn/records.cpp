@@ -1,8 +1,8 @@
 #include "burn.h"
+#include "fileguard.h"
 #include "infoblock.h"
 
 #include <QDir>
-#include <QFile>
 
 namespace pyro {
 
@@ -29,18 +29,11 @@ bool AppendBurnRecord(const QString &folder, const QDateTime &now, const QString
 {
     // Each step that fails is skipped; nobody is told.
     QDir().mkpath(folder);
-    QFile f(QDir(folder).filePath(RecordFileName(now.date())));
-    if (!f.open(QIODevice::WriteOnly | QIODevice::Append))
-        return false;
     // The date and time as the bench's own system writes them, then the rule.
     const QString head = now.toString(QStringLiteral("yyyy/M/d H:mm:ss"))
         + QString(kSeparatorLen, QLatin1Char('=')) + QStringLiteral("\r\n");
-    const QByteArray entry = toGbk(head) + toGbk(logText + QStringLiteral("\r\n"));
-    // The bytes sit in a buffer until the flush: a full disk shows only there.
-    bool ok = f.write(entry) == entry.size();
-    ok = f.flush() && ok;
-    f.close();
-    return ok && f.error() == QFileDevice::NoError;
+    return AppendToFile(QDir(folder).filePath(RecordFileName(now.date())),
+                        toGbk(head) + toGbk(logText + QStringLiteral("\r\n")));
 }
 
 bool WriteBurnRecord(const Link &l)

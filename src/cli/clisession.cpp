@@ -8,8 +8,10 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QTimer>
+#include <cerrno>
 #include <cmath>
 #include <csignal>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,7 +24,7 @@ const QString kExitTable = QStringLiteral(
     "  2  usage error\n"
     "  3  port: not found, in use, not a serial device, no permission, or lost\n"
     "  4  no answer from the board, or a time limit passed\n"
-    "  5  interrupted (Ctrl-C)\n");
+    "  5  interrupted (Ctrl-C, SIGTERM, SIGHUP, or a reader of stdout gone)\n");
 
 void ConsolePrompter::message(const QString &text, const QString &title)
 {
@@ -164,8 +166,16 @@ bool CliInterrupted()
 
 void CliCatchSignals()
 {
-    std::signal(SIGINT, onInterrupt);
-    std::signal(SIGTERM, onInterrupt);
+    // A hung-up terminal and a reader of stdout that went away end the run
+    // as Ctrl-C does: the chip in hand is recorded, the exit code says so.
+    // With SIGPIPE caught, a write into the closed pipe fails instead.
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+        struct sigaction sa {};
+        sa.sa_handler = onInterrupt;
+        sigemptyset(&sa.sa_mask);
+        sa.sa_flags = SA_RESTART;
+        sigaction(sig, &sa, nullptr);
+    }
 }
 
 // --- the session -------------------------------------------------------------
@@ -240,7 +250,7 @@ int CliSession::openPort(const QString &command)
     // lock or an exclusive open by another program, or no terminal at all.
     if (why.contains(QLatin1String("ermission")) || why.contains(QLatin1String("busy"), Qt::CaseInsensitive)
         || why.contains(QLatin1String("lock"), Qt::CaseInsensitive))
-        return fail(QStringLiteral("in use (%1)").arg(why));
+        return fail(QStringLiteral("in use"));
     return fail(QStringLiteral("not a serial device (%1)").arg(why));
 }
 
@@ -311,6 +321,31 @@ void CliSession::flushLog()
         }
         logPrinted = int(link.view.RTB.size());
     }
+}
+
+void CliSession::emitLine(const QString &text)
+{
+    out.flush();
+    const QByteArray bytes = (text + QLatin1Char('\n')).toUtf8();
+    const char *at = bytes.constData();
+    qint64 left = bytes.size();
+    while (left > 0) {
+        const ssize_t n = ::write(STDOUT_FILENO, at, size_t(left));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;   // a reader gone: SIGPIPE has ended the run
+        at += n;
+        left -= n;
+    }
+}
+
+QString NoAnswerText(const QString &port, double seconds, int badCrcReplies)
+{
+    if (badCrcReplies > 0)
+        return QStringLiteral("no good answer from the board on %1 (%2 %3 with a bad CRC)")
+            .arg(port).arg(badCrcReplies).arg(badCrcReplies == 1 ? QStringLiteral("reply") : QStringLiteral("replies"));
+    return QStringLiteral("no answer from the board on %1 after %2 s").arg(port).arg(seconds);
 }
 
 QString CheckInputFile(const QString &path, qint64 maxBytes)

@@ -14,7 +14,7 @@ enum CliExit : int {
     kExitUsage = 2,       // bad command line
     kExitPort = 3,        // the port could not be opened or failed
     kExitNoAnswer = 4,    // no answer, or a time limit passed
-    kExitInterrupted = 5, // Ctrl-C or SIGTERM
+    kExitInterrupted = 5, // Ctrl-C, SIGTERM, SIGHUP, SIGPIPE
 };
 extern const QString kExitTable;
 
@@ -52,7 +52,7 @@ struct CliCommand {
     QString helpText() const;
 };
 
-// Set by SIGINT and SIGTERM once a session has begun.
+// Set by SIGINT, SIGTERM, SIGHUP and SIGPIPE once a session has begun.
 bool CliInterrupted();
 void CliCatchSignals();
 
@@ -84,8 +84,14 @@ struct CliSession {
     End run(const std::function<bool()> &done, double seconds, const std::function<void()> &afterTick = {});
     // Prints the log lines added since the last call, as the pane shows them.
     void flushLog();
+    // Data on stdout: the text and a line end in one write, at once, also
+    // into a pipe or a file (no buffer holds it back).
+    void emitLine(const QString &text);
 };
 
 QString OutcomeText(int16_t outcome);
+// "no answer from the board on P after N s", or with replies that all failed
+// their CRC "no good answer from the board on P (N replies with a bad CRC)".
+QString NoAnswerText(const QString &port, double seconds, int badCrcReplies);
 // Checks a file named on the command line: what kind of trouble it has, or empty.
 QString CheckInputFile(const QString &path, qint64 maxBytes);

@@ -117,6 +117,7 @@ int cliBurn(const QStringList &args)
     // The last answer judged, for the retry lines.
     ExchangeRecord lastAnswer;
     bool answered = false;   // a good answer since the progress clock last started
+    int badCrc = 0;          // replies with a bad CRC since then
     if (verbose)
         s.traceExchanges();
     auto trace = s.link.onExchange;
@@ -126,13 +127,13 @@ int cliBurn(const QStringList &args)
         if (r.direction == ExchangeRecord::Received) {
             lastAnswer = r;
             answered = answered || r.outcome == 0;
+            badCrc += r.outcome == 4 ? 1 : 0;
         }
     };
     int failed = 0;
     burn.chipLog.onRecord = [&](const ChipRecord &r) {
-        if (json) {
-            s.out << ChipJson(r) << Qt::endl;
-        }
+        if (json)
+            s.emitLine(ChipJson(r));
         if (r.result == QLatin1String("failed")) {
             ++failed;
             s.err << "chip " << burn.ChipsDone + 1 << ": given up after " << r.retries
@@ -178,7 +179,7 @@ int cliBurn(const QStringList &args)
     s.flushLog();
     if (s.link.view.Command4Caption != QLatin1String("Stop"))
         // The log pane says only " File open error "; the reason goes here.
-        return finish(kExitFailed, "the image was refused: " + burn.Refusal);
+        return finish(kExitFailed, "the image was refused: " + burn.Refusal.trimmed());
 
     const bool terminal = isatty(fileno(json ? stderr : stdout));
     QElapsedTimer sinceProgress, chipClock;
@@ -197,6 +198,7 @@ int cliBurn(const QStringList &args)
             wasActive = c.active;
             sinceProgress.restart();
             answered = false;
+            badCrc = 0;
             chipClock.restart();
             lastRetries = 0;
             lastTenth = -1;
@@ -206,8 +208,10 @@ int cliBurn(const QStringList &args)
             // Waiting for a chip: an answering board is no reason to stop, and
             // with AutoLoad an empty bench after the first chip is the
             // operator's time, limited only by --total-timeout.
-            if (answered || (autoLoad && c.begun > 0))
+            if (answered || (autoLoad && c.begun > 0)) {
                 sinceProgress.restart();
+                badCrc = 0;
+            }
             answered = false;
             return;
         }
@@ -226,6 +230,7 @@ int cliBurn(const QStringList &args)
             lastBytes = bytes;
             sinceProgress.restart();
             answered = false;
+            badCrc = 0;
         }
         if (quiet || burn.BinLen <= 0)
             return;
@@ -289,7 +294,7 @@ int cliBurn(const QStringList &args)
     if (stalled) {
         const bool none = !answered;
         stop(QStringLiteral("timed out"));
-        return finish(kExitNoAnswer, none ? QStringLiteral("no answer from the board on %1 after %2 s").arg(port).arg(timeout)
+        return finish(kExitNoAnswer, none ? NoAnswerText(port, timeout, badCrc)
                                           : QStringLiteral("chip %1 made no progress on %2 for %3 s").arg(burn.ChipsDone + 1).arg(port).arg(timeout));
     }
     // Let the monitor take the line back, as the window would, before closing.

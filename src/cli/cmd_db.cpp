@@ -6,6 +6,7 @@
 #include "projectdb.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QFileInfo>
 #include <QTextStream>
 
@@ -60,21 +61,22 @@ QString hexBytes(const QByteArray &b)
 
 int dbNew(const QString &path, bool force)
 {
-    if (QFileInfo(path).isDir()) {
-        QTextStream(stderr) << "a folder, not a file: " << path << "\n";
+    QTextStream err(stderr);
+    // A FIFO or a device of that name is refused, never unlinked or replaced.
+    if (const QString bad = WriteTargetProblem(path); !bad.isEmpty()) {
+        err << "pyrolink-cli db new: " << bad << ": " << path << "\n";
         return 1;
     }
     if (QFileInfo::exists(path) && !force) {
-        QTextStream(stderr) << path << " exists; --force replaces it\n";
+        err << "pyrolink-cli db new: " << path << " exists; --force replaces it\n";
         return 1;
     }
-    ConsolePrompter prompter;
-    prompter.answerYes = true;
-    ProjectDb db;
-    db.prompter = &prompter;
-    CreateDb(db, path);
-    if (QFileInfo(path).size() != kRecordSize)
+    // The header alone, written whole: a failed write leaves the old file.
+    QString why;
+    if (!WriteFileWhole(path, EncodeRecord(NewHeader(QDateTime::currentDateTime())), &why)) {
+        err << "pyrolink-cli db new: cannot write " << path << ": " << why << "; nothing was written\n";
         return 1;
+    }
     QTextStream(stdout) << "created " << path << "\n";
     return 0;
 }

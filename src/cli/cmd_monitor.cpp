@@ -23,15 +23,24 @@ int cliMonitor(const QStringList &args)
     code = s.openPort("monitor");
     if (code != kExitOk)
         return code;
+    const QString port = s.link.view.ComboSet[0].text;
     QString shown;
     auto printPanel = [&] {
-        if (s.link.view.SB[1] != shown) {
+        // A port gone is said once below, not as the panel's "Open port first！".
+        if (s.port.isOpen() && s.link.view.SB[1] != shown) {
             shown = s.link.view.SB[1];
-            s.out << shown << Qt::endl;
+            s.emitLine(shown);
         }
     };
     printPanel();
-    // Ends on its own only when the time is up; a port that goes away shows
-    // "Open port first！" and the monitor goes on waiting like the window.
-    return s.run({}, seconds, printPanel) == CliSession::End::Interrupted ? kExitInterrupted : kExitOk;
+    // A silent board shows "Link failure！" and the monitor goes on: watching
+    // a link fail is its job. A port that goes away ends it at once.
+    const CliSession::End end = s.run([&] { return !s.port.isOpen(); }, seconds, printPanel);
+    if (end == CliSession::End::Interrupted)
+        return kExitInterrupted;
+    if (!s.port.isOpen()) {
+        s.err << "pyrolink-cli monitor: port " << port << ": lost" << Qt::endl;
+        return kExitPort;
+    }
+    return kExitOk;
 }

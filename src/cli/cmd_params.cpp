@@ -3,6 +3,7 @@
 #include "clisession.h"
 #include "commands.h"
 #include "fileguard.h"
+#include "gridedit.h"
 #include "image.h"
 #include "itemblock.h"
 #include "paramops.h"
@@ -13,7 +14,6 @@
 #include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 #include <cstdio>
 #include <unistd.h>
 
@@ -25,10 +25,7 @@ const QString kReadOk = QStringLiteral("Successful reading data set");
 const QString kUpdateOk = QStringLiteral("Update the set data successfully");
 const QString kSaveOk = QStringLiteral("Save Settings data successfully");
 const QString kEraseOk = QStringLiteral("Erase the data successfully");
-const QString kRangeTitle = QStringLiteral("提示！");
-const QString kRangeText = QStringLiteral("设置超出范围，有效范围：");
-const QString kProtocolText = QStringLiteral("解析协议错误！");
-const QString kProtocolTitle = QStringLiteral("警告！");
+const QString kStampRefused = QStringLiteral("Set the data validation is invalid");
 
 const char *const kVerbs[][2] = {
     {"read", "read the settings block and print every row; --out keeps it"},
@@ -134,11 +131,12 @@ bool storeValue(Params &p, int r, const QString &text, Prompter *prompter, QStri
     }
     const QStringList range = SplitList(row.Labels);
     if (range.size() != 2) {
-        *error = kProtocolTitle + QStringLiteral(" ") + kProtocolText;
+        *error = kNoRangeText;
         return false;
     }
     if (x < LeadingNumber(range[0]) || x > LeadingNumber(range[1])) {
-        *error = kRangeTitle + QStringLiteral(" ") + kRangeText + range[0] + QStringLiteral("-") + range[1];
+        // The window's message, without its box's title.
+        *error = RangeErrorMessage(range);
         return false;
     }
     return EncodeValue(text.trimmed(), p.SetImage, p.SetRows, r, prompter) == 0
@@ -162,6 +160,10 @@ struct ParamsRun {
             s.err << "pyrolink-cli " << cmd.name << ": the operation did not start" << Qt::endl;
             return kExitFailed;
         }
+        // Each operation ends by its own count of ticks, in about 11 s at
+        // most on a silent line (a send limit of 500 ticks, then a reply
+        // limit of 200). The 60 s are only a guard against one that never
+        // hands the line back, so that a script is never left hanging.
         bool entered = false;
         const CliSession::End end = s.run([&] {
             entered = entered || s.link.LinkMode == mode;
@@ -238,12 +240,24 @@ int takeBlock(ParamsRun &run, QByteArray *block)
         }
         *block = block->left(size);
     }
-    if (CheckImage(*block, run.p.Tables[0]) != 0) {
-        cmd.err << "pyrolink-cli " << cmd.name << ": not a settings block of this table (its length or CRC is wrong)" << Qt::endl;
+    // The update step writes a fresh CRC, as it does for the window's working
+    // copy: a stale one is no fault, only a length field that doesn't fit
+    // the table refuses the block, with the window's words.
+    QByteArray stamped = *block;
+    if (StampImage(stamped, run.p.Tables[0]) != 0) {
+        cmd.err << kStampRefused << Qt::endl;
         return kExitFailed;
     }
     return kExitOk;
 }
+
+struct WatchOptions {
+    double interval = 1000;   // ms between samples
+    bool once = false;
+    double seconds = 0;       // 0: no end
+    double timeout = 10;      // s without a reading before the board counts as gone
+    QString format;
+};
 
 QString csvField(const QString &s)
 {
@@ -252,52 +266,85 @@ QString csvField(const QString &s)
     return QLatin1Char('"') + QString(s).replace(QLatin1String("\""), QLatin1String("\"\"")) + QLatin1Char('"');
 }
 
-int watch(ParamsRun &run, const QList<int> &rows, double interval, bool once, double seconds, const QString &format)
+int watch(ParamsRun &run, const QList<int> &rows, const WatchOptions &o)
 {
     CliSession &s = run.s;
     const GridModel &g = run.p.MSFG[1];
+    const QString port = s.link.view.ComboSet[0].text;
     MenuImgClick(run.ops, 5);
-    if (format == QLatin1String("csv")) {
+    if (o.format == QLatin1String("csv")) {
         QStringList head{QStringLiteral("time")};
         for (int r : rows)
             head << csvField(g.text(r, 2).trimmed());
-        s.out << head.join(',') << Qt::endl;
+        s.emitLine(head.join(','));
     }
-    qint64 seen = 0;
+    qint64 seen = 0, answers = 0;
     int samples = 0;
-    QElapsedTimer sinceSample;
-    const CliSession::End end = s.run([&] { return once && samples > 0; }, seconds, [&] {
-        if (run.ops.displayPolls == seen || (samples > 0 && sinceSample.elapsed() < qint64(interval)))
+    QElapsedTimer sinceSample, sinceAnswer;
+    sinceAnswer.start();
+    int badCrc = 0;   // replies with a bad CRC since the last sample
+    auto trace = s.link.onExchange;
+    s.link.onExchange = [&](const ExchangeRecord &r) {
+        if (trace)
+            trace(r);
+        if (r.direction == ExchangeRecord::Received && r.outcome == 4)
+            ++badCrc;
+    };
+    bool lost = false, silent = false;
+    const CliSession::End end = s.run([&] {
+        if (!s.port.isOpen())
+            return lost = true;
+        if (sinceAnswer.elapsed() >= qint64(o.timeout * 1000))
+            return silent = true;
+        return o.once && samples > 0;
+    }, o.seconds, [&] {
+        if (run.ops.displayPolls != answers) {
+            answers = run.ops.displayPolls;
+            sinceAnswer.restart();
+            badCrc = 0;
+        }
+        if (run.ops.displayPolls == seen || (samples > 0 && sinceSample.elapsed() < qint64(o.interval)))
             return;
         seen = run.ops.displayPolls;
         sinceSample.start();
         ++samples;
         const QString time = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz"));
-        if (format == QLatin1String("csv")) {
+        if (o.format == QLatin1String("csv")) {
             QStringList f{time};
             for (int r : rows)
                 f << csvField(g.text(r, kValueCol));
-            s.out << f.join(',') << Qt::endl;
-        } else if (format == QLatin1String("json")) {
+            s.emitLine(f.join(','));
+        } else if (o.format == QLatin1String("json")) {
             QJsonObject values;
             for (int r : rows)
                 values[g.text(r, 2).trimmed()] = g.text(r, kValueCol);
-            QJsonObject o{{QStringLiteral("time"), time}, {QStringLiteral("values"), values}};
-            s.out << QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact)) << Qt::endl;
+            QJsonObject obj{{QStringLiteral("time"), time}, {QStringLiteral("values"), values}};
+            s.emitLine(QString::fromUtf8(QJsonDocument(obj).toJson(QJsonDocument::Compact)));
         } else {
-            s.out << time << '\n';
+            // A sample is its time and its rows, written as one piece.
+            QStringList block{time};
             for (int r : rows)
-                s.out << r << '\t' << g.text(r, 1) << '\t' << g.text(r, 2) << '\t' << g.text(r, kValueCol) << '\n';
-            s.out.flush();
+                block << QStringLiteral("%1\t%2\t%3\t%4").arg(r).arg(g.text(r, 1), g.text(r, 2), g.text(r, kValueCol));
+            s.emitLine(block.join('\n'));
         }
     });
-    if (samples == 0) {
-        s.err << (s.link.view.SB[2].isEmpty() ? QStringLiteral("no running values read") : s.link.view.SB[2]) << Qt::endl;
-        return end == CliSession::End::Interrupted ? kExitInterrupted : s.port.isOpen() ? kExitNoAnswer : kExitPort;
-    }
+    s.link.onExchange = trace;
     if (end == CliSession::End::Interrupted)
         return kExitInterrupted;
-    return s.port.isOpen() ? kExitOk : kExitPort;
+    if (lost) {
+        s.err << "pyrolink-cli params watch: port " << port << ": lost" << Qt::endl;
+        return kExitPort;
+    }
+    if (silent) {
+        s.err << "pyrolink-cli params watch: " << NoAnswerText(port, o.timeout, badCrc) << Qt::endl;
+        return kExitNoAnswer;
+    }
+    if (samples == 0) {
+        // --seconds ran out before the first sample.
+        s.err << "pyrolink-cli params watch: " << NoAnswerText(port, o.seconds, badCrc) << Qt::endl;
+        return kExitNoAnswer;
+    }
+    return kExitOk;
 }
 
 int paramsHelp(bool asked)
@@ -356,6 +403,7 @@ int cliParams(const QStringList &argsIn)
         cmd.add("rows", "The rows to print, by caption or number (default: all).", "NAME,...");
         cmd.add("format", "table, csv or json (default table).", "F", "table");
         cmd.add("seconds", "End after S seconds (default 0: until Ctrl-C).", "S", "0");
+        cmd.add("timeout", "Seconds the board may go without an answer (default 10).", "S", "10");
     }
     bool done = false;
     int code = cmd.parse(args, &done);
@@ -366,12 +414,14 @@ int cliParams(const QStringList &argsIn)
     const bool named = verb == "get" || verb == "set";
     if (!cmd.positional(named ? 1 : 0, named ? 1 << 20 : 0) || !s.takePortOptions(cmd))
         return kExitUsage;
-    double interval = 0, seconds = 0;
-    QString format;
+    WatchOptions watchOpts;
     if (verb == "watch") {
-        if (!cmd.number("interval", 0, 86400000, &interval) || !cmd.number("seconds", 0, 1e9, &seconds))
+        if (!cmd.number("interval", 0, 86400000, &watchOpts.interval) || !cmd.number("seconds", 0, 1e9, &watchOpts.seconds)
+            || !cmd.number("timeout", 0.1, 1e7, &watchOpts.timeout))
             return kExitUsage;
-        format = cmd.parser.value("format");
+        watchOpts.once = cmd.parser.isSet("once");
+        watchOpts.format = cmd.parser.value("format");
+        const QString &format = watchOpts.format;
         if (format != "table" && format != "csv" && format != "json")
             return cmd.usageError(QStringLiteral("--format: '%1' is not one of table, csv, json").arg(format));
     }
@@ -412,6 +462,16 @@ int cliParams(const QStringList &argsIn)
             if (valueRow(p, 1, r))
                 rows << r;
 
+    // An output that can't take the block is refused before the board is asked.
+    if (verb == "read" && cmd.parser.isSet("out")) {
+        const QString out = cmd.parser.value("out");
+        const QString bad = out.isEmpty() ? QStringLiteral("no file name") : WriteTargetProblem(out);
+        if (!bad.isEmpty()) {
+            s.err << "pyrolink-cli " << cmd.name << ": --out: " << bad << ": " << out << Qt::endl;
+            return kExitFailed;
+        }
+    }
+
     QByteArray block;
     if (verb == "update" || verb == "save") {
         code = takeBlock(run, &block);
@@ -437,7 +497,7 @@ int cliParams(const QStringList &argsIn)
         return code;
 
     if (verb == "watch")
-        return watch(run, rows, interval, cmd.parser.isSet("once"), seconds, format);
+        return watch(run, rows, watchOpts);
     if (verb == "info") {
         code = run.operate(6, 6);
         if (code != kExitOk)
@@ -472,10 +532,10 @@ int cliParams(const QStringList &argsIn)
                 s.out << r << '\t' << g.text(r, 1) << '\t' << g.text(r, 2) << '\t' << g.text(r, kValueCol) << '\n';
         s.out.flush();
         if (cmd.parser.isSet("out")) {
-            QSaveFile f(cmd.parser.value("out"));
-            if (!f.open(QIODevice::WriteOnly) || f.write(p.SetImage.left(p.Tables[0].BlockSize)) != p.Tables[0].BlockSize
-                || !f.commit()) {
-                s.err << "cannot write " << f.fileName() << ": " << f.errorString() << Qt::endl;
+            const QString out = cmd.parser.value("out");
+            if (!WriteFileWhole(out, p.SetImage.left(p.Tables[0].BlockSize), &error)) {
+                s.err << "pyrolink-cli " << cmd.name << ": --out: cannot write " << out << ": " << error
+                      << "; nothing was written" << Qt::endl;
                 return kExitFailed;
             }
         }

@@ -1,5 +1,6 @@
 #include "clisession.h"
 #include "commands.h"
+#include "help.h"
 
 #include <QCoreApplication>
 #include <QTextStream>
@@ -26,7 +27,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("pyrolink-cli"));
-    QCoreApplication::setApplicationVersion(QString::fromLatin1(PYRO_VERSION));
+    QCoreApplication::setApplicationVersion(pyro::VersionText());
 
     QString summary = QStringLiteral("The engine of Pyrolink without a window, for production scripts.\n\nCommands:\n");
     for (const Entry &e : kCommands)

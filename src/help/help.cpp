@@ -7,9 +7,14 @@
 
 namespace pyro {
 
+QString VersionText()
+{
+    return QStringLiteral("%1.%2.%3").arg(PYRO_VERSION_MAJOR).arg(PYRO_VERSION_MINOR).arg(PYRO_VERSION_PATCH);
+}
+
 QString AboutVersionText()
 {
-    return QStringLiteral("Bite %1.%2.%3").arg(kVersionMajor).arg(kVersionMinor).arg(kVersionRevision);
+    return QStringLiteral("Bite ") + VersionText();
 }
 
 int PeoHelp(const QString &appDir, Prompter *prompter, const UrlOpener &open)

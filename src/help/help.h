@@ -11,9 +11,6 @@ namespace pyro {
 class Prompter;
 
 inline const QString kAppTitle = QStringLiteral("Pyrolink");
-constexpr int kVersionMajor = 1;
-constexpr int kVersionMinor = 0;
-constexpr int kVersionRevision = 0;
 
 // frmAbout. The company line, address and contact are this build's own.
 inline const QString kAboutCaption = QStringLiteral("About ") + kAppTitle;
@@ -28,6 +25,9 @@ inline const QString kFeedback = QStringLiteral("pyrolink@example.org");
 inline const QString kAboutContact = QStringLiteral("example.org/pyrolink  ") + kFeedback;  // Label2
 inline const QString kAboutOk = QStringLiteral("OK");
 
+// The build's version, "1.0.0": the project's, so that every program and
+// the manual say the same.
+QString VersionText();
 // "Bite 1.0.0", lblVersion.
 QString AboutVersionText();
 

@@ -363,7 +363,7 @@ void MBTimTimer(Link &l)
         // takes the steps of a click on CloseUart, so that the lamp, the
         // caption and a running burn agree with the closed port.
         if (l.view.Command2Caption == QLatin1String("CloseUart"))
-            ClosePort(l);
+            PortLost(l);
         l.StateWord = 0;
         l.MBResult = -1;
         l.BurnArmed = 0;

@@ -94,6 +94,10 @@ struct Link {
     // One step of the state machine of LinkMode 1..7, filled by the burn and
     // the parameter operations. Mode 0 is the monitor below.
     std::array<std::function<void()>, 8> modeStep;
+    // The port closed or went away, or a scan took it, whatever the burn was
+    // doing: the burn ends its chip in hand with this result ("port closed",
+    // "port lost"). Set by AttachBurn.
+    std::function<void(const QString &result)> onBurnCut;
 
     // Called for every frame sent and every outcome judged; unset, it costs
     // one test per exchange.

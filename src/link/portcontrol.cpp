@@ -92,8 +92,10 @@ QString ResolvePortName(const QString &text, const QString &appDir)
 #endif
 }
 
-void CancelBurnControls(Link &l)
+void CancelBurnControls(Link &l, const QString &burnResult)
 {
+    if (l.onBurnCut)
+        l.onBurnCut(burnResult);
     l.view.Command4Caption = QStringLiteral("Program");
     l.ModeRequest = 0;
     l.BurnArmed = 0;
@@ -121,7 +123,9 @@ void Command2Click(Link &l)
     l.view.SB[1] = QStringLiteral("Serial uart has ben Opened");
 }
 
-void ClosePort(Link &l)
+namespace {
+
+void closePort(Link &l, const QString &burnResult)
 {
     if (l.MBMC && l.MBMC->isOpen()) {
         l.MBMC->close();
@@ -132,7 +136,19 @@ void ClosePort(Link &l)
     ShowProgress(l.view, l.BinPath, 0);
     if (l.view.Command4Caption == QLatin1String("Stop"))
         AddLog(l, QStringLiteral(" Cancel program"));
-    CancelBurnControls(l);
+    CancelBurnControls(l, burnResult);
+}
+
+} // namespace
+
+void ClosePort(Link &l)
+{
+    closePort(l, QStringLiteral("port closed"));
+}
+
+void PortLost(Link &l)
+{
+    closePort(l, QStringLiteral("port lost"));
 }
 
 void ComboSetChange(Link &l, int)

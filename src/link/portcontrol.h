@@ -20,6 +20,8 @@ QString ResolvePortName(const QString &text, const QString &appDir);
 // Command2: open with the boxes as they stand, or close.
 void Command2Click(Link &l);
 void ClosePort(Link &l);
+// The port went away by itself: closed as by CloseUart, the burn told so.
+void PortLost(Link &l);
 // A change or click in any ComboSet box closes an open port.
 void ComboSetChange(Link &l, int index);
 // Command1: lists the ports that open, leaves the port closed.
@@ -27,7 +29,8 @@ void AutoDetect(Link &l, const QStringList &candidates);
 // The ports AutoDetect tries on this platform.
 QStringList CandidatePorts(const QString &appDir);
 
-// Resets the burn controls after a close or a scan.
-void CancelBurnControls(Link &l);
+// Resets the burn controls after a close or a scan; a chip in hand ends with
+// burnResult.
+void CancelBurnControls(Link &l, const QString &burnResult = QStringLiteral("port closed"));
 
 } // namespace pyro

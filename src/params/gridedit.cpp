@@ -127,6 +127,13 @@ void TreeViewMouseMove(GridEdit &e)
     e.InPutTxt.visible = false;
 }
 
+QString RangeErrorMessage(const QStringList &range)
+{
+    if (range.size() != 2)
+        return kRangeErrorText;
+    return kRangeErrorText + stripTrailing(range[0]) + QLatin1Char('-') + stripTrailing(range[1]);
+}
+
 bool InPutTxtKeyPress(GridEdit &e, Params &p, View &view, Prompter *prompter, int keyAscii,
                       const QString &boxText)
 {
@@ -152,10 +159,8 @@ bool InPutTxtKeyPress(GridEdit &e, Params &p, View &view, Prompter *prompter, in
     const double hi = LeadingNumber(range[1]);
     const double x = LeadingNumber(boxText);
     if (x < lo || x > hi) {
-        // The bounds as the table writes them, without the field's padding.
         if (prompter)
-            prompter->message(kRangeErrorText + range[0] + QLatin1Char('-') + stripTrailing(range[1]),
-                              kRangeErrorTitle);
+            prompter->message(RangeErrorMessage(range), kRangeErrorTitle);
         requestFocus(e, EditFocus::InPutTxt);
         return false;
     }

@@ -34,6 +34,9 @@ constexpr QRgb kPlainFore = qRgb(0, 0, 0);        // as read, or the edit left t
 
 extern const QString kRangeErrorText;    // "设置超出范围，有效范围："
 extern const QString kRangeErrorTitle;   // "提示！"
+// The range message's text for the two pieces of Labels: the bounds as the
+// table writes them, without the blanks that pad its fixed field.
+QString RangeErrorMessage(const QStringList &range);
 extern const QString kNoRangeText;       // "解析协议错误！"
 extern const QString kNoRangeTitle;      // "警告！"
 

@@ -1,6 +1,7 @@
 // Creating, loading, stamping and copying a database file, and the chain walk
 // that loading and checking share.
 #include "dbinternal.h"
+#include "fileguard.h"
 
 #include "link.h"
 #include "prompter.h"
@@ -56,6 +57,11 @@ DbRecord NewHeader(const QDateTime &when)
 
 void CreateDb(ProjectDb &db, const QString &path)
 {
+    // A FIFO or a device of that name is never unlinked for a database.
+    if (const QString bad = WriteTargetProblem(path); !bad.isEmpty()) {
+        Report(db, kMsgIoFailed + QStringLiteral("%1：%2").arg(bad, path));
+        return;
+    }
     if (QFileInfo::exists(path)) {
         if (!db.prompter || !db.prompter->question(kMsgOverwrite, kHintTitle))
             return;

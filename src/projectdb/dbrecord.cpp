@@ -136,7 +136,8 @@ void PackField(QByteArray &field, const QString &text, const QString &key, int l
 {
     if (field.isEmpty())
         return;
-    // The terminator must fit, whatever limit the caller names.
+    // Every caller names its field's width less 2, so this never cuts; it
+    // keeps a wrong limit from writing the terminator past the field.
     limit = std::max(0, std::min<int>(limit, int(field.size()) - 1));
     const QByteArray t = toGbk(text).left(limit);   // may cut a double-byte character
     const QByteArray k = toGbk(key);

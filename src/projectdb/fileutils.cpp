@@ -9,8 +9,6 @@
 #include "link.h"
 #include "prompter.h"
 
-#include <QSaveFile>
-
 namespace pyro {
 
 namespace {
@@ -32,10 +30,10 @@ int refuse(Link &l, const QString &text)
 // Writes bytes to path through a temporary file; false with the reason shown.
 bool writeWhole(Link &l, const QString &path, const QByteArray &bytes, const QString &what)
 {
-    QSaveFile out(path);
-    if (out.open(QIODevice::WriteOnly) && out.write(bytes) == bytes.size() && out.commit())
+    QString why;
+    if (WriteFileWhole(path, bytes, &why))
         return true;
-    refuse(l, QStringLiteral("%1：无法写入 %2（%3），原文件没有改动。").arg(what, path, out.errorString()));
+    refuse(l, QStringLiteral("%1：无法写入 %2（%3），原文件没有改动。").arg(what, path, why));
     return false;
 }
 

@@ -108,7 +108,9 @@ Window makeViewForm()
     // D: the two grids on one place, the settings grid in front.
     l << c(QStringLiteral("MSFG"), 1, form, {45, 3240, 12540, 6405}, Kind::Grid, {}, kMSFGToolTip[1]);
     l << c(QStringLiteral("MSFG"), 0, form, {45, 3240, 12540, 6405}, Kind::Grid, {}, kMSFGToolTip[0]);
-    l << hidden(with(c(QStringLiteral("InPutTxt"), 0, form, {5880, 4200, 2000, 300}, Kind::Line), song105));
+    Control input = hidden(with(c(QStringLiteral("InPutTxt"), 0, form, {5880, 4200, 2000, 300}, Kind::Line), song105));
+    input.centred = true;
+    l << input;
     l << hidden(with(c(QStringLiteral("MSFGList"), -1, form, {5880, 4560, 2055, 3975}, Kind::List),
                      Font{true, 9, false}));
 

@@ -48,6 +48,7 @@ struct Control {
     bool visible = true;
     bool enabled = true;
     bool checked = false;
+    bool centred = false;   // a text box whose text stands in the middle
 };
 
 // "ComboSet(3)" for an array member, "Command1" otherwise.

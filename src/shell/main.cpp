@@ -8,12 +8,22 @@
 #include <QCheckBox>
 #include <QPushButton>
 #include <QScreen>
+#include <QSettings>
+#include <QTemporaryDir>
 
 int main(int argc, char *argv[])
 {
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Pyrolink"));
     QApplication::setWindowIcon(pyro::appIcon());
+    // Nothing is kept between runs, but Qt's file dialogs write their last
+    // folder and history to a settings file of their own (QtProject.conf).
+    // Theirs goes to a folder that lasts as long as the run.
+    QTemporaryDir runSettings;
+    if (runSettings.isValid()) {
+        QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, runSettings.path());
+        QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, runSettings.path());
+    }
     // Chinese captions need a CJK face; the design's own font is 宋体.
     // 9 points as the design's controls were drawn for.
     QFont font = QApplication::font();

@@ -1,5 +1,6 @@
 #include "monitorwindow.h"
 
+#include "fileguard.h"
 #include "prompter.h"
 
 #include <QApplication>
@@ -322,10 +323,10 @@ void MonitorWindow::saveAll()
                                               QStringLiteral("Text (*.txt);;All files (*)"), QString());
     if (path.isEmpty())
         return;
-    QFile f(path);
     const QByteArray text = MonitorText(log, m_model->filter()).toUtf8();
-    if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate) || f.write(text) != text.size())
-        m_prompter->message(QStringLiteral("Could not write %1: %2").arg(path, f.errorString()),
+    QString why;
+    if (!WriteFileWhole(path, text, &why))
+        m_prompter->message(QStringLiteral("Could not write %1: %2").arg(path, why),
                             QStringLiteral("Line monitor"));
 }
 

@@ -1,6 +1,8 @@
 #include "plotwindow.h"
 
+#include "fileguard.h"
 #include "codec.h"
+#include "fonts.h"
 #include "paramops.h"
 #include "params.h"
 #include "prompter.h"
@@ -232,6 +234,8 @@ PlotWindow::PlotWindow(ParamOps &ops, Prompter *prompter, QWidget *parent)
 {
     setObjectName(QStringLiteral("LivePlots"));
     setWindowTitle(QStringLiteral("Live plots"));
+    // Row names and units come from Display.For.
+    setFont(tableFont(font()));
     m_canvas = new PlotCanvas(store, this);
     m_rows = new QListWidget(this);
     m_rows->setObjectName(QStringLiteral("PlotRows"));
@@ -440,9 +444,9 @@ void PlotWindow::exportCsv()
     for (int r = 0; r < m_ops.params->DisplayRows.size(); ++r)
         names << rowName(r);
     const QByteArray text = SamplesCsv(store, names).toUtf8();
-    QFile f(path);
-    if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate) || f.write(text) != text.size())
-        m_prompter->message(QStringLiteral("Could not write %1: %2").arg(path, f.errorString()),
+    QString why;
+    if (!WriteFileWhole(path, text, &why))
+        m_prompter->message(QStringLiteral("Could not write %1: %2").arg(path, why),
                             QStringLiteral("Live plots"));
 }
 

@@ -1,6 +1,7 @@
 #include "viewform.h"
 #include "stationwindow.h"
 
+#include "fonts.h"
 #include "help.h"
 #include "items.h"
 #include "monitorwindow.h"
@@ -90,6 +91,26 @@ protected:
     }
 };
 
+// A picture of the strip, stretched to its square. Drawn the same whether
+// enabled or not: a button with nothing to do keeps its picture, where a
+// label would grey it.
+class Picture : public QWidget {
+public:
+    Picture(const QPixmap &pixmap, QWidget *parent) : QWidget(parent), m_pixmap(pixmap) {}
+    const QPixmap &pixmap() const { return m_pixmap; }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        QPainter p(this);
+        p.setRenderHint(QPainter::SmoothPixmapTransform);
+        p.drawPixmap(rect(), m_pixmap);
+    }
+
+private:
+    QPixmap m_pixmap;
+};
+
 // The client area: a quiet light wash behind the controls.
 class Canvas : public QWidget {
 public:
@@ -132,8 +153,7 @@ QFont designFont(const design::Font &f, const QFont &base)
 {
     QFont font = base;
     if (f.song)
-        font.setFamilies({QStringLiteral("SimSun"), QStringLiteral("宋体"), QStringLiteral("NSimSun"),
-                          QStringLiteral("WenQuanYi Micro Hei"), QStringLiteral("Noto Sans CJK SC")});
+        font.setFamilies(songFamilies());
     if (f.points > 0)
         font.setPointSizeF(f.points);
     font.setBold(f.bold);
@@ -214,6 +234,8 @@ ViewForm::ViewForm(const Options &options) : m_opt(options)
 ViewForm::~ViewForm()
 {
     m_tick.stop();
+    // A window that goes without a close event leaves no chip unrecorded.
+    ChipLogEnd(link, burn, QStringLiteral("window closed"));
     // The views go before the models they show.
     delete takeCentralWidget();
 }
@@ -250,6 +272,11 @@ void ViewForm::build()
         widget->setVisible(c.visible);
         m_controls.insert(id, widget);
         m_ids.insert(widget, id);
+        // Regions C to F lie beyond the compact view: Tab must not reach them there.
+        const bool inAB = c.parent == QLatin1String("Frame1") || c.parent == QLatin1String("Frame2")
+            || c.name == QLatin1String("Frame1") || c.name == QLatin1String("Frame2");
+        if (!inAB && widget->focusPolicy() != Qt::NoFocus)
+            m_beyondCompact.append({widget, widget->focusPolicy()});
         m_toolTips.insert(id, c.toolTip);
         if (c.kind == Kind::Frame)
             parents.insert(c.name, widget);
@@ -319,8 +346,12 @@ QWidget *ViewForm::makeControl(const design::Control &c, QWidget *parent)
         b->setChecked(c.checked);
         return b;
     }
-    case Kind::Line:
-        return new QLineEdit(parent);
+    case Kind::Line: {
+        auto *e = new QLineEdit(parent);
+        if (c.centred)
+            e->setAlignment(Qt::AlignCenter);
+        return e;
+    }
     case Kind::Text: {
         auto *t = new QPlainTextEdit(parent);
         t->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);
@@ -341,6 +372,8 @@ QWidget *ViewForm::makeControl(const design::Control &c, QWidget *parent)
         g->setEditTriggers(QAbstractItemView::NoEditTriggers);
         g->setSelectionMode(QAbstractItemView::SingleSelection);
         g->setWordWrap(false);
+        // The cells take their sizes from the table, their face from here.
+        g->setFont(tableFont(g->font()));
         return g;
     }
     case Kind::List: {
@@ -368,10 +401,10 @@ QWidget *ViewForm::makeControl(const design::Control &c, QWidget *parent)
         return f;
     }
     case Kind::Image: {
+        if (c.index >= 0)
+            return new Picture(stripPicture(c.index, twipsToPx(c.twips.width(), m_dpi)), parent);
         auto *l = new QLabel(parent);
-        const int side = twipsToPx(c.twips.width(), m_dpi);
-        l->setPixmap(c.index < 0 ? appIconPixmap(48) : stripPicture(c.index, side));
-        l->setScaledContents(c.index >= 0);
+        l->setPixmap(appIconPixmap(48));
         return l;
     }
     case Kind::Mark:
@@ -396,6 +429,9 @@ void ViewForm::buildMenus()
             QMenu *menu = m.name == QLatin1String("Medite") ? new QMenu(m.caption, this)
                                                             : menuBar()->addMenu(m.caption);
             menu->setObjectName(m.name);
+            // The design's separators stand where it puts them, even first in a
+            // menu whose items above are hidden ("yhghg" above "Exit").
+            menu->setSeparatorsCollapsible(false);
             menus.insert(m.name, menu);
             if (m.name == QLatin1String("Medite"))
                 m_popup = menu;
@@ -609,6 +645,19 @@ bool ViewForm::eventFilter(QObject *watched, QEvent *e)
         return id.startsWith(head) ? id.mid(head.size()).chopped(1).toInt() : -1;
     };
     const int note = indexOf("NotesTxt"), grid = indexOf("MSFG"), image = indexOf("MenuImg");
+    // A disabled control takes no mouse: no hint, no mark, no action. Qt shows
+    // its mouse events to the filter all the same.
+    switch (e->type()) {
+    case QEvent::MouseMove:
+    case QEvent::MouseButtonPress:
+    case QEvent::MouseButtonRelease:
+    case QEvent::MouseButtonDblClick:
+        if (QWidget *w = control(id); w && !w->isEnabled())
+            return QMainWindow::eventFilter(watched, e);
+        break;
+    default:
+        break;
+    }
     bool eaten = false;
     switch (e->type()) {
     case QEvent::MouseMove:
@@ -653,7 +702,9 @@ bool ViewForm::eventFilter(QObject *watched, QEvent *e)
         }
         break;
     case QEvent::KeyRelease:
-        if (note >= 0) {
+        // Only a key pressed in the box counts: the release of F8 or of a key
+        // pressed in another window is no change of the item.
+        if (note >= 0 && m_noteKeys.remove({note, static_cast<QKeyEvent *>(e)->key()})) {
             QWidget *w = control(id);
             const QString text = qobject_cast<QPlainTextEdit *>(w) ? qobject_cast<QPlainTextEdit *>(w)->toPlainText()
                                                                    : qobject_cast<QLineEdit *>(w)->text();
@@ -662,6 +713,8 @@ bool ViewForm::eventFilter(QObject *watched, QEvent *e)
         }
         break;
     case QEvent::KeyPress:
+        if (note >= 0)
+            m_noteKeys.insert({note, static_cast<QKeyEvent *>(e)->key()});
         if (id == QLatin1String("InPutTxt(0)")) {
             auto *ke = static_cast<QKeyEvent *>(e);
             int ascii = -1;
@@ -975,6 +1028,11 @@ QSize ViewForm::fixedOuterSize() const
 void ViewForm::setFullView(bool full)
 {
     m_full = full;
+    for (const auto &[w, policy] : std::as_const(m_beyondCompact)) {
+        if (w->hasFocus() && !full)
+            control("ComboSet(0)")->setFocus(Qt::OtherFocusReason);
+        w->setFocusPolicy(full ? policy : Qt::NoFocus);
+    }
     for (const design::MenuItem &m : design::viewFormMenus()) {
         if (m.parent == QLatin1String("file_menu"))
             menuAction(m.name)->setVisible(full ? m.visibleFull : m.visible);
@@ -1010,6 +1068,28 @@ void ViewForm::snapBack()
     m_snapping = false;
 }
 
+// Under a window manager the frame is known only once it has taken the
+// window: the first show and the moves that follow bring the outer size back.
+void ViewForm::showEvent(QShowEvent *e)
+{
+    QMainWindow::showEvent(e);
+    snapBack();
+    // The frame's extents come whenever the window manager sets them, and
+    // nothing tells the window: look again a few times while it settles.
+    for (int ms : {50, 200, 600, 1500})
+        QTimer::singleShot(ms, this, [this] {
+            if (!isMaximized() && !isFullScreen())
+                snapBack();
+        });
+}
+
+void ViewForm::moveEvent(QMoveEvent *e)
+{
+    QMainWindow::moveEvent(e);
+    if (!isMaximized() && !isFullScreen())
+        snapBack();
+}
+
 void ViewForm::resizeEvent(QResizeEvent *e)
 {
     QMainWindow::resizeEvent(e);
@@ -1038,6 +1118,8 @@ void ViewForm::changeEvent(QEvent *e)
 void ViewForm::closeEvent(QCloseEvent *e)
 {
     // The close box: the log pane goes to the day's record first. Nothing asks.
+    // A chip cut short by the close gets its line either way.
+    ChipLogEnd(link, burn, QStringLiteral("window closed"));
     if (!m_ending)
         WriteBurnRecord(link);
     m_tick.stop();
@@ -1133,6 +1215,7 @@ void ViewForm::endPro()
     // "Exit" ends at once: no record, no question, nothing finished.
     m_ending = true;
     m_tick.stop();
+    ChipLogEnd(link, burn, QStringLiteral("window closed"));
     close();
     QCoreApplication::exit(0);
 }

@@ -11,6 +11,7 @@
 #include "strip.h"
 
 #include <QHash>
+#include <QSet>
 #include <QMainWindow>
 #include <QTimer>
 #include <memory>
@@ -84,6 +85,8 @@ public:
     PlotWindow &livePlots();
 
 protected:
+    void showEvent(QShowEvent *e) override;
+    void moveEvent(QMoveEvent *e) override;
     void resizeEvent(QResizeEvent *e) override;
     void changeEvent(QEvent *e) override;
     void closeEvent(QCloseEvent *e) override;
@@ -130,6 +133,8 @@ private:
     QStandardItemModel *m_listModel = nullptr;   // the entries of MSFGList
     quint32 m_editFocus = 0;
     quint32 m_programFocus = 0;                     // the last focus request of the editor taken
+    QSet<QPair<int, int>> m_noteKeys;               // (note box, key) pressed there and not yet released
+    QList<QPair<QWidget *, Qt::FocusPolicy>> m_beyondCompact;   // controls of regions C to F
     // Declared last, so they let go of link and ops before those go.
     std::unique_ptr<MonitorWindow> m_monitor;
     std::unique_ptr<PlotWindow> m_plots;

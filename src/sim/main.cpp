@@ -1,6 +1,7 @@
 // pyrolink-sim: the simulated board behind a pseudo-terminal, for end-to-end
 // runs of the master. One thread, one Qt event loop.
 #include "frame.h"
+#include "help.h"
 #include "simboard.h"
 
 #include <QCommandLineParser>
@@ -456,10 +457,12 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("pyrolink-sim"));
+    QCoreApplication::setApplicationVersion(pyro::VersionText());
 
     QCommandLineParser p;
     p.setApplicationDescription(QStringLiteral("The simulated controller board on a pseudo-terminal."));
     p.addHelpOption();
+    p.addVersionOption();
     p.addOption({QStringLiteral("link"), QStringLiteral("Symlink to the slave device (one per board, or one ending in a number that counts up)."), QStringLiteral("path")});
     p.addOption({QStringLiteral("boards"), QStringLiteral("Boards, each on its own pseudo-terminal (1)."), QStringLiteral("n"), QStringLiteral("1")});
     p.addOption({QStringLiteral("flaky"), QStringLiteral("[B@]P: P% of the frames heard get a reply lost or spoiled."), QStringLiteral("percent")});

@@ -36,6 +36,11 @@ void TstExchange::outcomes_data()
     QTest::addColumn<int>("result");
     QTest::addColumn<int>("fastEnd");                 // endTick on the fast line: the same outcome
     QTest::addColumn<QByteArray>("request");          // function and body; empty: a poll
+    // After a reply the fast line took, the next frame waits 3.5 characters
+    // of start, data, parity and stop bits, in µs rounded up: 57600 8N1 is
+    // 35 bits, 607.6 µs, so 608; 9600 8E1 is 38.5 bits, 4010.4 µs, so 4011.
+    QTest::addColumn<QString>("line");                // baud and parity boxes; empty: 57600 None
+    QTest::addColumn<int>("gapUs");                   // 0: no gap checked
     const QByteArray poll = MBBuildFrame(0xF0, QByteArray(1, '\2'));
     const auto at = [](int tick, const QByteArray &bytes) { return QList<QByteArray>(tick - 1) << bytes; };
     QList<QByteArray> trickle;   // a byte on each of ticks 1..19
@@ -45,36 +50,36 @@ void TstExchange::outcomes_data()
     // Quiet limit 3, reply limit 20.
     // The fast line ends a whole good reply on its arrival; everything else
     // it leaves to the same quiet ticks.
-    QTest::newRow("good") << QByteArray() << at(1, poll) << 3 << 0 << 1 << QByteArray();
-    QTest::newRow("4 bytes good") << QByteArray() << at(1, MBBuildFrame(0xF0, {})) << 3 << 0 << 3 << QByteArray();
-    QTest::newRow("3 bytes") << QByteArray() << at(1, poll.left(3)) << 3 << 3 << 3 << QByteArray();
-    QTest::newRow("crc low byte first") << QByteArray() << at(1, fromHexLine("01 F0 00 64 00")) << 3 << 4 << 3 << QByteArray();
-    QTest::newRow("wrong function") << QByteArray() << at(1, MBBuildFrame(0xF1, {})) << 3 << 5 << 3 << QByteArray();
-    QTest::newRow("silent peer") << QByteArray() << QList<QByteArray>() << 20 << 2 << 20 << QByteArray();
+    QTest::newRow("good") << QByteArray() << at(1, poll) << 3 << 0 << 1 << QByteArray() << QString() << 608;
+    QTest::newRow("4 bytes good") << QByteArray() << at(1, MBBuildFrame(0xF0, {})) << 3 << 0 << 3 << QByteArray() << QString() << 0;
+    QTest::newRow("3 bytes") << QByteArray() << at(1, poll.left(3)) << 3 << 3 << 3 << QByteArray() << QString() << 0;
+    QTest::newRow("crc low byte first") << QByteArray() << at(1, fromHexLine("01 F0 00 64 00")) << 3 << 4 << 3 << QByteArray() << QString() << 0;
+    QTest::newRow("wrong function") << QByteArray() << at(1, MBBuildFrame(0xF1, {})) << 3 << 5 << 3 << QByteArray() << QString() << 0;
+    QTest::newRow("silent peer") << QByteArray() << QList<QByteArray>() << 20 << 2 << 20 << QByteArray() << QString() << 0;
     // A pause of 3 ticks inside a reply cuts it; the rest stays in the port.
-    QTest::newRow("split") << QByteArray() << (at(1, poll.left(3)) << QByteArray() << QByteArray() << poll.mid(3)) << 3 << 3 << 3 << QByteArray();
-    QTest::newRow("in two pieces") << QByteArray() << (at(1, poll.left(3)) << poll.mid(3)) << 4 << 0 << 2 << QByteArray();
+    QTest::newRow("split") << QByteArray() << (at(1, poll.left(3)) << QByteArray() << QByteArray() << poll.mid(3)) << 3 << 3 << 3 << QByteArray() << QString() << 0;
+    QTest::newRow("in two pieces") << QByteArray() << (at(1, poll.left(3)) << poll.mid(3)) << 4 << 0 << 2 << QByteArray() << QString() << 0;
     // Every byte restarts the quiet count, but the reply limit runs on.
-    QTest::newRow("trickle") << QByteArray() << trickle << 20 << 2 << 20 << QByteArray();
+    QTest::newRow("trickle") << QByteArray() << trickle << 20 << 2 << 20 << QByteArray() << QString() << 0;
     // A good frame with more behind it in the same read is no whole reply.
-    QTest::newRow("babbler") << QByteArray() << (QList<QByteArray>{poll + "\x01"} + trickle) << 20 << 2 << 20 << QByteArray();
-    QTest::newRow("just inside the limit") << QByteArray() << at(17, poll) << 19 << 0 << 17 << QByteArray();
+    QTest::newRow("babbler") << QByteArray() << (QList<QByteArray>{poll + "\x01"} + trickle) << 20 << 2 << 20 << QByteArray() << QString() << 0;
+    QTest::newRow("just inside the limit") << QByteArray() << at(17, poll) << 19 << 0 << 17 << QByteArray() << QString() << 0;
     // Bytes ahead of the notice are the start of the reply: nothing is
     // flushed, so a late reply to the last request spoils this one.
-    QTest::newRow("bytes while sending") << poll.left(2) << at(1, poll.mid(2)) << 3 << 0 << 3 << QByteArray();
-    QTest::newRow("late reply in front") << poll << at(1, poll) << 3 << 4 << 3 << QByteArray();
+    QTest::newRow("bytes while sending") << poll.left(2) << at(1, poll.mid(2)) << 3 << 0 << 3 << QByteArray() << QString() << 0;
+    QTest::newRow("late reply in front") << poll << at(1, poll) << 3 << 4 << 3 << QByteArray() << QString() << 0;
     // A memory read: its length comes from the count the reply echoes.
     const QByteArray read4 = fromHexLine("F4 00 10 00 20 04 00");
     const QByteArray data4 = fromHexLine("00 00 00 00 04 00 0A 0B 0C 0D");
-    QTest::newRow("memory read") << QByteArray() << at(2, MBBuildFrame(0xF4, data4)) << 4 << 0 << 2 << read4;
+    QTest::newRow("memory read") << QByteArray() << at(2, MBBuildFrame(0xF4, data4)) << 4 << 0 << 2 << read4 << "9600 Even" << 4011;
     QByteArray lie = data4;
     lie[4] = 0x00, lie[5] = 0x04;   // says 1024 bytes follow
-    QTest::newRow("lying length, more") << QByteArray() << at(1, MBBuildFrame(0xF4, lie)) << 3 << 0 << 3 << read4;
-    QTest::newRow("lying length, fewer") << QByteArray() << at(1, MBBuildFrame(0xF4, data4.left(8))) << 3 << 0 << 3 << read4;
+    QTest::newRow("lying length, more") << QByteArray() << at(1, MBBuildFrame(0xF4, lie)) << 3 << 0 << 3 << read4 << QString() << 0;
+    QTest::newRow("lying length, fewer") << QByteArray() << at(1, MBBuildFrame(0xF4, data4.left(8))) << 3 << 0 << 3 << read4 << QString() << 0;
     QByteArray big = data4;
     big[4] = char(0xF8), big[5] = 0x03;   // 1016 asked and promised: 1026 bytes, past the bound
     QTest::newRow("past the bound") << QByteArray() << at(1, MBBuildFrame(0xF4, big)) << 3 << 0 << 3
-                                    << QByteArray(read4).replace(5, 2, "\xF8\x03");
+                                    << QByteArray(read4).replace(5, 2, "\xF8\x03") << QString() << 0;
 }
 
 void TstExchange::outcomes()
@@ -85,9 +90,17 @@ void TstExchange::outcomes()
     QFETCH(int, result);
     QFETCH(int, fastEnd);
     QFETCH(QByteArray, request);
+    QFETCH(QString, line);
+    QFETCH(int, gapUs);
     const int normalEnd = endTick;
     for (const bool fast : {false, true}) {
         LinkBench b;
+        qint64 us = 1000000;
+        b.link.clockUs = [&] { return us; };
+        if (!line.isEmpty()) {
+            b.link.view.ComboSet[1].text = line.section(' ', 0, 0);
+            b.link.view.ComboSet[2].text = line.section(' ', 1, 1);
+        }
         b.open();
         // No owner of the line: the fast line's own step does nothing.
         b.link.fastLine = fast;
@@ -125,6 +138,17 @@ void TstExchange::outcomes()
             QCOMPARE(b.port.pending(), after);
         }
         QCOMPARE(b.link.fastReplies, qint64(fast && fastEnd != normalEnd ? 1 : 0));
+        if (!fast || gapUs == 0)
+            continue;
+        // A frame sent a µs before the gap's end is held, and goes at its end.
+        const qsizetype sent = b.port.written.size();
+        us += gapUs - 1;
+        b.send(0xF0, QByteArray(1, '\0'), 3, 20, 20);
+        MBExchangeTick(b.link);
+        QCOMPARE(b.port.written.size(), sent);
+        us += 1;
+        MBExchangeTick(b.link);
+        QCOMPARE(b.port.written.size(), sent + 1);
     }
 }
 

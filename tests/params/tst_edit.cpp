@@ -69,13 +69,17 @@ private slots:
         QTest::addColumn<int>("col");
         QTest::addColumn<int>("kind");
         QTest::addColumn<QStringList>("items");
-        QTest::newRow("display grid") << 1 << kSpeed << 3 << int(EditorKind::None) << QStringList();
-        QTest::newRow("caption row") << 0 << 0 << 3 << int(EditorKind::None) << QStringList();
-        QTest::newRow("name column") << 0 << kSpeed << 2 << int(EditorKind::None) << QStringList();
-        QTest::newRow("number") << 0 << kSpeed << 3 << int(EditorKind::Number) << QStringList();
-        QTest::newRow("list") << 0 << kDirection << 3 << int(EditorKind::List) << QStringList{"Forward", "Reverse"};
-        QTest::newRow("bit row") << 0 << kBrake << 3 << int(EditorKind::List) << QStringList{"Off", "On"};
-        QTest::newRow("spacer") << 0 << kSpacer << 3 << int(EditorKind::Number) << QStringList();
+        QTest::addColumn<QString>("cell");    // the cell's text before the click; empty: as decoded
+        QTest::addColumn<int>("marked");      // the list entry marked as the cell's
+        QTest::newRow("display grid") << 1 << kSpeed << 3 << int(EditorKind::None) << QStringList() << "" << -1;
+        QTest::newRow("caption row") << 0 << 0 << 3 << int(EditorKind::None) << QStringList() << "" << -1;
+        QTest::newRow("name column") << 0 << kSpeed << 2 << int(EditorKind::None) << QStringList() << "" << -1;
+        QTest::newRow("number") << 0 << kSpeed << 3 << int(EditorKind::Number) << QStringList() << "" << -1;
+        QTest::newRow("list") << 0 << kDirection << 3 << int(EditorKind::List) << QStringList{"Forward", "Reverse"} << "" << 0;
+        QTest::newRow("list, cell with trailing blanks") << 0 << kDirection << 3 << int(EditorKind::List)
+                                                         << QStringList{"Forward", "Reverse"} << "Reverse  " << 1;
+        QTest::newRow("bit row") << 0 << kBrake << 3 << int(EditorKind::List) << QStringList{"Off", "On"} << "" << 0;
+        QTest::newRow("spacer") << 0 << kSpacer << 3 << int(EditorKind::Number) << QStringList() << "" << -1;
     }
     void open()
     {
@@ -84,7 +88,10 @@ private slots:
         QFETCH(int, col);
         QFETCH(int, kind);
         QFETCH(QStringList, items);
+        QFETCH(QString, cell);
         EditBench b;
+        if (!cell.isEmpty())
+            b.p.MSFG[0].setText(row, col, cell);
         QCOMPARE(int(EditorFor(b.p, index, row, col)), kind);
         b.open(row, col, index);
         QCOMPARE(b.e.InPutTxt.visible, kind == int(EditorKind::Number));
@@ -100,7 +107,7 @@ private slots:
         QCOMPARE(b.e.focus, kind == int(EditorKind::Number) ? EditFocus::InPutTxt : EditFocus::None);
         QCOMPARE(b.e.MSFGList.items, items);
         if (!items.isEmpty()) {
-            QCOMPARE(b.e.MSFGList.selected, 0);    // the cell shows the first entry
+            QTEST(b.e.MSFGList.selected, "marked");
             QCOMPARE(b.e.MSFGList.back, qRgb(150, 100, 100));
         }
     }

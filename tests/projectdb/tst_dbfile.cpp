@@ -85,15 +85,25 @@ private slots:
         QTest::addColumn<QString>("text");
         QTest::addColumn<int>("width");
         QTest::addColumn<int>("limit");
+        QTest::addColumn<QByteArray>("stored");   // the field's bytes up to the terminator; empty: not spelled out
         const QString zhong20(20, QChar(0x4E2D));   // 40 GBK bytes
-        QTest::newRow("empty key") << QString() << QStringLiteral("程序 A1") << 202 << 200;
-        QTest::newRow("one byte key") << QStringLiteral("k") << QStringLiteral("abc") << 202 << 200;
-        QTest::newRow("chinese key") << QStringLiteral("口令") << QStringLiteral("客户变体 K700 备注") << 202 << 200;
-        QTest::newRow("long text cut") << QStringLiteral("Dovrin") << QString(300, QChar('x')) << 202 << 200;
-        QTest::newRow("41-byte title") << QString() << zhong20 + 'Z' << 42 << 40;
-        QTest::newRow("cut inside a character") << QString() << zhong20 + QChar(0x4E2D) << 42 << 39;
-        QTest::newRow("exactly the limit") << QString() << QString(100, 'n') << 102 << 100;
-        QTest::newRow("LastUser") << QStringLiteral("key") << QStringLiteral("operator-longname") << 14 << 12;
+        QTest::newRow("empty key") << QString() << QStringLiteral("程序 A1") << 202 << 200 << QByteArray();
+        QTest::newRow("chinese key") << QStringLiteral("口令") << QStringLiteral("客户变体 K700 备注") << 202 << 200 << QByteArray();
+        QTest::newRow("41-byte title") << QString() << zhong20 + 'Z' << 42 << 40 << QByteArray();
+        QTest::newRow("cut inside a character") << QString() << zhong20 + QChar(0x4E2D) << 42 << 39 << QByteArray();
+        QTest::newRow("exactly the limit") << QString() << QString(100, 'n') << 102 << 100 << QByteArray();
+        // Key "key" = 6B 65 79: k = 2, s = 329, and 329 mod 255 = 0x4A, so
+        // m(i) = (K[i mod 3] & i) ^ 0x4A ^ 2 = (K[i mod 3] & i) ^ 0x48.
+        //   i  K&i  m   plain    stored      i  K&i  m   plain    stored
+        //   0  00   48  'o' 6F   27          6  02   4A  'o' 6F   25
+        //   1  01   49  'p' 70   39          7  05   4D  'r' 72   3F
+        //   2  00   48  'e' 65   2D          8  08   40  '-' 2D   6D
+        //   3  03   4B  'r' 72   39          9  09   41  'l' 6C   2D
+        //   4  04   4C  'a' 61   2D         10  00   48  'o' 6F   27
+        //   5  01   49  't' 74   3D         11  09   41  'n' 6E   2F
+        // and the rest of "operator-longname" is past the limit of 12.
+        QTest::newRow("LastUser") << QStringLiteral("key") << QStringLiteral("operator-longname") << 14 << 12
+                                  << QByteArray::fromHex("27392D392D3D253F6D2D272F");
     }
 
     void packWithKey()
@@ -102,9 +112,12 @@ private slots:
         QFETCH(QString, text);
         QFETCH(int, width);
         QFETCH(int, limit);
+        QFETCH(QByteArray, stored);
         QByteArray field(width, '\x55');
         PackField(field, text, key, limit);
         const QByteArray t = toGbk(text).left(limit);
+        if (!stored.isEmpty())
+            QCOMPARE(field.left(stored.size()), stored);
         QCOMPARE(field.at(t.size()), '\0');   // inside the field even at the limit
         for (int i = 0; i < t.size(); ++i)
             QVERIFY2(field.at(i) != '\0', "no stored byte is 0");

@@ -7,6 +7,8 @@
 #include "items.h"
 #include "params.h"
 
+#include <sys/stat.h>
+
 using namespace pyro;
 
 namespace {
@@ -134,8 +136,9 @@ private slots:
         QTest::newRow("box 1, half a character over") << 1 << "a" + ding << 1023;
         QTest::newRow("box 2, 250 bytes") << 2 << QString(250, 'p') << 200;
         QTest::newRow("box 4, 60 characters") << 4 << ding.left(60) << 100;
-        QTest::newRow("box 5, odd cut") << 5 << "7" + ding.left(50) << 99;
-        QTest::newRow("box 6, within") << 6 << QStringLiteral("最多5个字") << 9;
+        // 37, 49 times B6 A9, then 丂 = 81 40 at bytes 100 and 101: 0x81 is
+        // a lead byte too, so the character goes whole and 99 bytes stay.
+        QTest::newRow("box 5, odd cut at lead byte 81") << 5 << "7" + ding.left(49) + QChar(0x4E02) << 99;
     }
 
     void noteLimits()
@@ -149,7 +152,8 @@ private slots:
         b.store(2, goodImage(1), notes);
         const QByteArray field = fieldOf(recordAt(b.file, 2), box);
         const QString stored = noteOf(recordAt(b.file, 2), box);
-        // No half character before the terminator.
+        // No half character before the terminator, nor in the cut itself.
+        QCOMPARE(GbkCut(text, kNoteBoxes[box].limit).size(), storedBytes);
         QCOMPARE(field.indexOf('\0'), storedBytes);
         QCOMPARE(toGbk(stored).size(), storedBytes);
         QVERIFY(text.startsWith(stored));
@@ -259,6 +263,14 @@ private slots:
             QVERIFY(b.prompter.shown.last().startsWith(kHintTitle + '|' + kMsgOpStopped));
             QCOMPARE(fileBytes(b.file), bytes);
         }
+        // Clicked, the freed item loads nothing: bytes 0..43 stay blank as
+        // 0xFF, the byte behind the block as it was, and the grid empty.
+        b.p.SetImage = goodImage(7);
+        QCOMPARE(b.click(2), 1);
+        QCOMPARE(b.p.SetImage, QByteArray(kBlock, '\xFF') + '\0');
+        QCOMPARE(b.l.view.SB[2], kStItemBad);
+        QCOMPARE(b.speedCell(), QString());
+        QVERIFY(b.prompter.shown.last().startsWith(kHintTitle + '|' + kMsgOpStopped));
     }
 
     // A double click in box 2 picks the program file; the other boxes ignore it.
@@ -340,8 +352,12 @@ private slots:
     {
         QTest::addColumn<int>("imageLen");
         QTest::addColumn<bool>("good");
-        QTest::newRow("blank image") << 2000 << true;
-        QTest::newRow("too short for its block") << 1000 << false;
+        QTest::addColumn<QString>("target");   // the name saved to, when not saved.BIN
+        QTest::addColumn<QString>("why");      // the reason a refused target is given
+        QTest::newRow("blank image") << 2000 << true << "" << "";
+        QTest::newRow("too short for its block") << 1000 << false << "" << "";
+        QTest::newRow("device as the target") << 2000 << false << "/dev/full" << "not a regular file (a device)";
+        QTest::newRow("FIFO as the target") << 2000 << false << "fifo" << "not a regular file (a FIFO)";
     }
 
     void savePro()
@@ -360,10 +376,22 @@ private slots:
         l.BinPath = fx.path("fw.BIN");
         l.view.NotesTxt[5] = "ORDER-7";
         burn.BinData = "running";
-        fx.prompter.files = {fx.path("saved.BIN")};
+        QFETCH(QString, target);
+        if (target == "fifo") {
+            target = fx.path("fifo");
+            QVERIFY(::mkfifo(QFile::encodeName(target).constData(), 0600) == 0);
+        }
+        fx.prompter.files = {target.isEmpty() ? fx.path("saved.BIN") : target};
         QCOMPARE(SavePro(l, burn), good ? 0 : 1);
         QCOMPARE(burn.BinData, QByteArray("running"));
         const QByteArray out = fileBytes(fx.path("saved.BIN"));
+        QFETCH(QString, why);
+        if (!why.isEmpty()) {
+            // Refused with the reason; the device or FIFO stays what it was.
+            QCOMPARE(fx.prompter.shown.last(), QString("提示|保存程序：无法写入 %1（%2），原文件没有改动。").arg(target, why));
+            QVERIFY(!QFileInfo(target).isFile() && QFileInfo(target).exists());
+            return;
+        }
         if (!good) {
             QVERIFY(fx.prompter.shown.isEmpty());
             QVERIFY(l.view.RTB.startsWith("2026-03-14 09:26:53Data error!\r\n"));

@@ -55,31 +55,35 @@ static void editRows()
     QTest::addColumn<int>("b");
     QTest::addColumn<QList<int>>("prep");
     QTest::addColumn<QStringList>("after");
+    // The record the edit made, moved or freed: its number, then ParentRec,
+    // PrevRec and NextRec as the file holds them (-1, -1, 0 once freed).
+    QTest::addColumn<QList<int>>("links");
     const QList<int> none;
     const QList<int> empty{2, 3, 7};
     using L = QStringList;
-    QTest::newRow("insert, after a sibling") << "insert" << 3 << 0 << none << L{"2", "  4", "    6", "  5", "8", "3", "7"};
-    QTest::newRow("insert, first child") << "insert" << 4 << 0 << none << L{"2", "  8", "  4", "    6", "  5", "3", "7"};
-    QTest::newRow("insert, first top-level") << "insert" << 2 << 0 << none << L{"8", "2", "  4", "    6", "  5", "3", "7"};
-    QTest::newRow("add top-level") << "top" << 0 << 0 << none << L{"2", "  4", "    6", "  5", "3", "7", "8"};
-    QTest::newRow("add top-level, empty tree") << "top" << 0 << 0 << empty << L{"2"};
-    QTest::newRow("add first child") << "child" << 3 << 0 << none << L{"2", "  4", "    6", "  5", "3", "  8", "7"};
-    QTest::newRow("add last child") << "child" << 2 << 0 << none << L{"2", "  4", "    6", "  5", "  8", "3", "7"};
-    QTest::newRow("add child, empty tree") << "child" << 0 << 0 << empty << L{"2"};
-    QTest::newRow("delete, both siblings") << "delete" << 3 << 0 << none << L{"2", "  4", "    6", "  5", "7"};
-    QTest::newRow("delete, last top-level") << "delete" << 7 << 0 << none << L{"2", "  4", "    6", "  5", "3"};
-    QTest::newRow("delete, first top-level") << "delete" << 2 << 0 << none << L{"3", "7"};
-    QTest::newRow("delete, only top-level") << "delete" << 2 << 0 << QList<int>{3, 7} << L{};
-    QTest::newRow("delete, first child") << "delete" << 4 << 0 << none << L{"2", "  5", "3", "7"};
-    QTest::newRow("delete, last child") << "delete" << 5 << 0 << none << L{"2", "  4", "    6", "3", "7"};
-    QTest::newRow("delete, only child") << "delete" << 6 << 0 << none << L{"2", "  4", "  5", "3", "7"};
-    QTest::newRow("move child ahead of top-level") << "move" << 4 << 3 << none << L{"2", "  5", "4", "  6", "3", "7"};
-    QTest::newRow("move ahead of first top-level") << "move" << 3 << 2 << none << L{"3", "2", "  4", "    6", "  5", "7"};
-    QTest::newRow("move last top-level to grandchild") << "move" << 7 << 6 << none << L{"2", "  4", "    7", "    6", "  5", "3"};
-    QTest::newRow("move last child ahead of first") << "move" << 5 << 4 << none << L{"2", "  5", "  4", "    6", "3", "7"};
-    QTest::newRow("move only child ahead of a sibling") << "move" << 6 << 5 << none << L{"2", "  4", "  6", "  5", "3", "7"};
-    QTest::newRow("move first top-level, subtree") << "move" << 2 << 7 << none << L{"3", "2", "  4", "    6", "  5", "7"};
-    QTest::newRow("move ahead of own next") << "move" << 4 << 5 << none << L{"2", "  4", "    6", "  5", "3", "7"};
+    using I = QList<int>;
+    QTest::newRow("insert, after a sibling") << "insert" << 3 << 0 << none << L{"2", "  4", "    6", "  5", "8", "3", "7"} << I{8, -1, 2, 3};
+    QTest::newRow("insert, first child") << "insert" << 4 << 0 << none << L{"2", "  8", "  4", "    6", "  5", "3", "7"} << I{8, 2, -1, 4};
+    QTest::newRow("insert, first top-level") << "insert" << 2 << 0 << none << L{"8", "2", "  4", "    6", "  5", "3", "7"} << I{8, -1, -1, 2};
+    QTest::newRow("add top-level") << "top" << 0 << 0 << none << L{"2", "  4", "    6", "  5", "3", "7", "8"} << I{8, -1, 7, 0};
+    QTest::newRow("add top-level, empty tree") << "top" << 0 << 0 << empty << L{"2"} << I{2, -1, -1, 0};
+    QTest::newRow("add first child") << "child" << 3 << 0 << none << L{"2", "  4", "    6", "  5", "3", "  8", "7"} << I{8, 3, -1, 0};
+    QTest::newRow("add last child") << "child" << 2 << 0 << none << L{"2", "  4", "    6", "  5", "  8", "3", "7"} << I{8, 2, 5, 0};
+    QTest::newRow("add child, empty tree") << "child" << 0 << 0 << empty << L{"2"} << I{2, -1, -1, 0};
+    QTest::newRow("delete, both siblings") << "delete" << 3 << 0 << none << L{"2", "  4", "    6", "  5", "7"} << I{3, -1, -1, 0};
+    QTest::newRow("delete, last top-level") << "delete" << 7 << 0 << none << L{"2", "  4", "    6", "  5", "3"} << I{7, -1, -1, 0};
+    QTest::newRow("delete, first top-level") << "delete" << 2 << 0 << none << L{"3", "7"} << I{2, -1, -1, 0};
+    QTest::newRow("delete, only top-level") << "delete" << 2 << 0 << QList<int>{3, 7} << L{} << I{2, -1, -1, 0};
+    QTest::newRow("delete, first child") << "delete" << 4 << 0 << none << L{"2", "  5", "3", "7"} << I{4, -1, -1, 0};
+    QTest::newRow("delete, last child") << "delete" << 5 << 0 << none << L{"2", "  4", "    6", "3", "7"} << I{5, -1, -1, 0};
+    QTest::newRow("delete, only child") << "delete" << 6 << 0 << none << L{"2", "  4", "  5", "3", "7"} << I{6, -1, -1, 0};
+    QTest::newRow("move child ahead of top-level") << "move" << 4 << 3 << none << L{"2", "  5", "4", "  6", "3", "7"} << I{4, -1, 2, 3};
+    QTest::newRow("move ahead of first top-level") << "move" << 3 << 2 << none << L{"3", "2", "  4", "    6", "  5", "7"} << I{3, -1, -1, 2};
+    QTest::newRow("move last top-level to grandchild") << "move" << 7 << 6 << none << L{"2", "  4", "    7", "    6", "  5", "3"} << I{7, 4, -1, 6};
+    QTest::newRow("move last child ahead of first") << "move" << 5 << 4 << none << L{"2", "  5", "  4", "    6", "3", "7"} << I{5, 2, -1, 4};
+    QTest::newRow("move only child ahead of a sibling") << "move" << 6 << 5 << none << L{"2", "  4", "  6", "  5", "3", "7"} << I{6, 2, 4, 5};
+    QTest::newRow("move first top-level, subtree") << "move" << 2 << 7 << none << L{"3", "2", "  4", "    6", "  5", "7"} << I{2, -1, 3, 7};
+    QTest::newRow("move ahead of own next") << "move" << 4 << 5 << none << L{"2", "  4", "    6", "  5", "3", "7"} << I{4, 2, -1, 5};
 }
 
 // rec and the records of its subtree, from tree lines.
@@ -360,6 +364,9 @@ private slots:
         }
         QVERIFY(fx.prompter.shown.isEmpty());
         expectTree(fx, p, after);
+        QFETCH(QList<int>, links);
+        const DbRecord r = recordAt(p, links[0]);
+        QCOMPARE((QList<int>{links[0], r.ParentRec, r.PrevRec, r.NextRec}), links);
         QCOMPARE(QFileInfo(p).size(), bytes.size() + (grows ? kRecordSize : 0));
         if (op == "insert" || op == "top")
             QCOMPARE(recordAt(p, fx.db.WorkRecord.SelfRec).ParamImage.left(1025), QByteArray(1025, '\0'));

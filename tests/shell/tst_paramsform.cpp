@@ -78,6 +78,11 @@ private slots:
         dblClickCell(grid, volts, 3);
         QVERIFY(box->isVisible());
         QVERIFY(box->geometry().intersects(onCanvas(grid, volts, 3)));
+        // Centred, in 宋体 10.5 pt or the CJK face that stands in for it.
+        QCOMPARE(box->alignment(), Qt::AlignCenter);
+        QCOMPARE(box->font().pointSizeF(), 10.5);
+        QVERIFY(box->font().families().contains(QStringLiteral("SimSun")));
+        QVERIFY(box->font().families().contains(QStringLiteral("WenQuanYi Micro Hei")));
         const QByteArray before = f.params.SetImage;
         QTest::keyClicks(box, "5x00");   // the letter is filtered out
         QCOMPARE(box->text(), QStringLiteral("500"));

@@ -8,6 +8,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
@@ -102,10 +103,70 @@ private slots:
             QCOMPARE(f.params.DisplayImage.size(), 73);
     }
 
+    // What a new operator meets before the port is open: the focus on a
+    // control in view, no save button to press, no hint from a disabled
+    // control, and the File menu as designed.
+    void firstMinutes()
+    {
+        Bench b;
+        ViewForm &f = b.start();
+        QWidget *focus = QApplication::focusWidget();
+        QVERIFY(focus);
+        QVERIFY2(b.w("Frame1(0)")->isAncestorOf(focus) || b.w("Frame2")->isAncestorOf(focus), qPrintable(focus->objectName()));
+        QTRY_VERIFY(!b.w("Command3")->isEnabled());
+
+        // Hints: a disabled control leaves panel 3 as it was.
+        QTest::mouseMove(b.w("Command1"), QPoint(5, 5));
+        const QString hint = QStringLiteral("Automatically detects available serial port");
+        QCOMPARE(b.panel(3), hint);
+        for (const char *id : {"Command3", "Check1(0)"}) {
+            QVERIFY(!b.w(id)->isEnabled());
+            QTest::mouseMove(b.w(id), QPoint(5, 5));
+            QCOMPARE(b.panel(3), hint);
+        }
+
+        // "yhghg" stands above "Exit" in the compact view's File menu.
+        auto *file = f.findChild<QMenu *>("file_menu");
+        file->popup(f.mapToGlobal(QPoint(0, 0)));
+        QTRY_VERIFY(file->isVisible());
+        const QRect rule = file->actionGeometry(f.menuAction("yhghg"));
+        QVERIFY(rule.height() > 0);
+        QCOMPARE(rule.bottom() + 1, file->actionGeometry(f.menuAction("EndPro")).top());
+        file->hide();
+
+        // F8 from wherever the focus is, twice: the save button stays off,
+        // its picture is the enabled one's, and it takes no hover or click.
+        for (int i = 0; i < 2; ++i)
+            QTest::keyClick(QApplication::focusWidget(), Qt::Key_F8);
+        f.setFullView(true);
+        b.w("NotesTxt(1)")->setFocus();
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_F8);
+        QVERIFY(!f.fullView());
+        QTest::keyClick(&f, Qt::Key_F8);
+        QWidget *save = b.w("MenuImg(4)");
+        QVERIFY(!save->isEnabled());
+        QVERIFY(!f.link.view.MenuImgEnabled[4]);
+        const QImage off = save->grab().toImage();
+        QTest::mouseMove(b.w("MenuImg(3)"), QPoint(5, 5));
+        QCOMPARE(b.panel(3), QStringLiteral("设置保存到控制器"));
+        const QRect mark = b.w("Shape2")->geometry();
+        QTest::mouseMove(save, QPoint(5, 5));
+        QTest::mouseClick(save, Qt::LeftButton);
+        QCOMPARE(b.panel(3), QStringLiteral("设置保存到控制器"));
+        QCOMPARE(b.w("Shape2")->geometry(), mark);
+        QVERIFY(b.prompter.shown.isEmpty());
+        f.link.view.MenuImgEnabled[4] = true;
+        f.refresh();
+        QVERIFY(save->isEnabled());
+        QCOMPARE(save->grab().toImage(), off);
+    }
+
     void fixedSizeInBothViews()
     {
         Bench b;
         ViewForm &f = b.start();
+        // The outer size from the first show, once the frame is known.
+        QCOMPARE(f.frameGeometry().size(), f.fixedOuterSize());
         for (bool full : {false, true}) {
             f.setFullView(full);
             const QSize fixed = f.size();
@@ -172,6 +233,83 @@ private slots:
         QVERIFY(!b.w("Command4")->isEnabled());
         QVERIFY(b.log().endsWith(" Cancel program"));
         QCOMPARE(f.link.BurnArmed, int16_t(0));
+    }
+
+    // Whatever ends a burn in the window, the chip in hand gets exactly one
+    // line in the chip record, with its own identity and its own duration.
+    void everyBurnEndingRecordsTheChip_data()
+    {
+        QTest::addColumn<QString>("action");
+        QTest::addColumn<QStringList>("results");
+        QTest::newRow("Stop") << "Command4" << QStringList{"stopped"};
+        QTest::newRow("CloseUart") << "Command2" << QStringList{"port closed"};
+        QTest::newRow("frame length changed") << "ComboSet(5)" << QStringList{"port closed"};
+        QTest::newRow("Load File") << "Command3" << QStringList{"cut short"};
+        QTest::newRow("AutoDetect") << "Command1" << QStringList{"port closed"};
+        QTest::newRow("port lost") << "lost" << QStringList{"port lost"};
+        QTest::newRow("close box") << "close" << QStringList{"window closed"};
+        QTest::newRow("Exit") << "EndPro" << QStringList{"window closed"};
+        // The second burn's line is its own, not the first one's run on.
+        QTest::newRow("Program, CloseUart, Program, Stop") << "twice" << QStringList{"port closed", "stopped"};
+    }
+    void everyBurnEndingRecordsTheChip()
+    {
+        QFETCH(QString, action);
+        QFETCH(QStringList, results);
+        const QString firstId = "0123456789ABCDEF01234567", secondId = "A1A2A3A4A5A6A7A8A9AAABAC";
+        SimProcess sim;
+        QVERIFY(sim.start({"--id", firstId}));
+        Bench b;
+        writeAll(b.path("small.BIN"), readAll(PYRO_DATA_DIR "/demo-firmware.BIN").left(8192));
+        ViewForm &f = b.start();
+        b.w<QComboBox>("ComboSet(0)")->setEditText(sim.path);
+        // Open, Load File, Program, and on until the chip is begun.
+        auto program = [&] {
+            QTest::mouseClick(b.w("Command2"), Qt::LeftButton);
+            QTRY_VERIFY(b.panel(1).startsWith("Link normal"));
+            b.prompter.files = {b.path("small.BIN")};
+            QTest::mouseClick(b.w("Command3"), Qt::LeftButton);
+            QTRY_VERIFY(b.w("Command4")->isEnabled());
+            QTest::mouseClick(b.w("Command4"), Qt::LeftButton);
+            QTRY_VERIFY_WITH_TIMEOUT(f.burn.chipLog.active, 10000);
+        };
+        QElapsedTimer clock;
+        clock.start();
+        program();
+        if (action == "twice") {
+            QTest::mouseClick(b.w("Command2"), Qt::LeftButton);
+            sim.command("swap " + secondId.toLatin1());
+            clock.restart();
+            program();
+            action = "Command4";
+        }
+        QVERIFY(f.burn.chipLog.active);
+        if (action == "lost")
+            sim.command("close");
+        else if (action == "close")
+            f.close();
+        else if (action == "EndPro")
+            f.menuAction("EndPro")->trigger();
+        else if (action == "ComboSet(5)")
+            b.w<QComboBox>(action)->setEditText("256");
+        else {
+            b.prompter.files = {b.path("small.BIN")};
+            QTest::mouseClick(b.w(action), Qt::LeftButton);
+        }
+        const qint64 lastTook = clock.elapsed();
+        const QString csv = QDir(b.dir.filePath("home/ProRecord(K0)")).filePath(ChipLogFileName(QDate::currentDate()));
+        QTRY_VERIFY(!f.burn.chipLog.active);
+        QTest::qWait(300);   // nothing more comes after the line
+        const QStringList lines = QString::fromUtf8(readAll(csv)).split("\r\n", Qt::SkipEmptyParts).mid(1);
+        QCOMPARE(lines.size(), results.size());
+        for (int i = 0; i < lines.size(); ++i) {
+            const QStringList field = lines[i].split(',');
+            QCOMPARE(field.value(9), results[i]);
+            QCOMPARE(field.value(2), i == 0 ? firstId : secondId);
+            QCOMPARE(field.value(1), sim.path);
+        }
+        // The last line's duration is that chip's own, not the run's.
+        QVERIFY(lines.last().split(',').value(7).toDouble() * 1000 <= lastTook + 50);
     }
 
     void closeWritesRecordExitDoesNot()

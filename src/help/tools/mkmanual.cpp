@@ -1,8 +1,9 @@
 // Builds the operator's manual, Pyrolink_UG.PDF, from its Markdown source with
 // Qt's own text layout and PDF writer, so the build needs no other tool.
 // Screenshots that the source names but that aren't there yet are left out.
+// "@VERSION@" in the source becomes the build's version.
 //
-//   pyrolink-mkmanual SOURCE.md OUTPUT.PDF
+//   pyrolink-mkmanual SOURCE.md OUTPUT.PDF [VERSION]
 #include <QFile>
 #include <QFileInfo>
 #include <QFontDatabase>
@@ -97,13 +98,26 @@ void styleTables(QTextFrame *frame)
     }
 }
 
+// Each chapter starts on a page of its own, so that a chapter with its
+// screenshot stands together.
+void breakBeforeChapters(QTextDocument &doc)
+{
+    for (QTextBlock b = doc.begin(); b.isValid(); b = b.next()) {
+        if (b.blockFormat().headingLevel() != 2)
+            continue;
+        QTextBlockFormat f = b.blockFormat();
+        f.setPageBreakPolicy(QTextFormat::PageBreak_AlwaysBefore);
+        QTextCursor(b).setBlockFormat(f);
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     QGuiApplication app(argc, argv);
-    if (argc != 3) {
-        err << "usage: pyrolink-mkmanual SOURCE.md OUTPUT.PDF\n";
+    if (argc != 3 && argc != 4) {
+        err << "usage: pyrolink-mkmanual SOURCE.md OUTPUT.PDF [VERSION]\n";
         return 2;
     }
     const QString source = QString::fromLocal8Bit(argv[1]);
@@ -113,7 +127,9 @@ int main(int argc, char **argv)
         err << "cannot read " << source << ": " << in.errorString() << "\n";
         return 1;
     }
-    const QString text = QString::fromUtf8(in.readAll());
+    QString text = QString::fromUtf8(in.readAll());
+    if (argc == 4)
+        text.replace(QStringLiteral("@VERSION@"), QString::fromLocal8Bit(argv[3]));
 
     const QStringList families = QFontDatabase::families();
     if (!families.contains(QStringLiteral("WenQuanYi Micro Hei")))
@@ -123,6 +139,10 @@ int main(int argc, char **argv)
     QFont body;
     body.setFamilies(kBodyFamilies);
     body.setPointSizeF(kBodyPoints);
+    // No ligatures: "fi" written as one glyph reads back as "ﬁ", and a search
+    // of the PDF for "first" or any message would miss it. Latin text needs
+    // no shaping; CJK gets what it needs all the same.
+    body.setStyleStrategy(QFont::PreferNoShaping);
     doc.setDefaultFont(body);
     QHash<QString, QImage> images;
     doc.setMarkdown(takeImages(text, QFileInfo(source).absolutePath(), images), QTextDocument::MarkdownDialectGitHub);
@@ -131,6 +151,7 @@ int main(int argc, char **argv)
         doc.addResource(QTextDocument::ImageResource, QUrl(it.key()), it.value());
 
     styleTables(doc.rootFrame());
+    breakBeforeChapters(doc);
 
     // The writer goes to a temporary name: a failed run leaves no PDF that
     // make would take for finished.
