@@ -1,6 +1,7 @@
 // pyrolink-cli burn: the burn of the window's Program button, headless.
 #include "burn.h"
 #include "chipwriter.h"
+#include "burnports.h"
 #include "clisession.h"
 #include "commands.h"
 #include "portcontrol.h"
@@ -31,11 +32,11 @@ QString rateText(double bytesPerSecond)
 
 int cliBurn(const QStringList &args)
 {
-    CliCommand cmd("burn", "Burns a firmware image into one chip, or with --auto into each chip put on the bench.");
+    CliCommand cmd("burn", "Burns a firmware image into one chip, or with --auto into each chip put on the bench; on several ports (--port repeated, or a comma list) at once.");
     cmd.addPortOptions();
     cmd.add("file", "The .BIN image.", "F");
     cmd.add("auto", "AutoLoad: go on with the next chip.");
-    cmd.add("chips", "Stop after N chips (with --auto; 0: until Ctrl-C).", "N", "0");
+    cmd.add("chips", "Stop after N good chips in all (with --auto; 0: until Ctrl-C).", "N", "0");
     cmd.add("keep-settings", "KeepInF: leave the settings pages as they are.");
     cmd.add("frame-len", "Bytes per write frame: 512, 256, 128, 64, 32 or 16.", "N", "512");
     cmd.add("order", "The order text stamped into the image.", "TEXT");
@@ -61,8 +62,17 @@ int cliBurn(const QStringList &args)
         return cmd.usageError(QStringLiteral("--frame-len: '%1' is not one of %2").arg(frameLen, s.link.view.ComboSet[5].list.join(", ")));
     const bool autoLoad = cmd.parser.isSet("auto");
     const int chips = int(chipsD);
-    if (chips > 1 && !autoLoad)
-        return cmd.usageError("--chips above 1 needs --auto");
+    // --port repeated, or a comma list: the station burns on all at once.
+    QStringList ports;
+    for (const QString &v : cmd.parser.values("port"))
+        for (const QString &part : v.split(QLatin1Char(',')))
+            if (!part.trimmed().isEmpty())
+                ports << part.trimmed();
+    if (ports.isEmpty())
+        return cmd.usageError("--port is empty");
+    if (chips > int(ports.size()) && !autoLoad)
+        return cmd.usageError(ports.size() > 1 ? "--chips above the number of ports needs --auto"
+                                               : "--chips above 1 needs --auto");
     const QString file = cmd.parser.value("file");
     const bool json = cmd.parser.isSet("json");
     const bool quiet = cmd.parser.isSet("quiet");
@@ -78,6 +88,23 @@ int cliBurn(const QStringList &args)
         s.err << "pyrolink-cli burn: --file: " << bad << Qt::endl;
         return kExitFailed;
     }
+
+    if (ports.size() > 1) {
+        BurnPortsOptions o;
+        o.file = file;
+        o.frameLen = frameLen;
+        o.order = cmd.parser.value("order");
+        o.autoLoad = autoLoad;
+        o.keepSettings = cmd.parser.isSet("keep-settings");
+        o.fast = s.link.fastLine;
+        o.json = json;
+        o.quiet = quiet;
+        o.chips = chips;
+        o.timeout = timeout;
+        o.totalTimeout = total;
+        return cliBurnPorts(ports, o, s.link.view);
+    }
+    s.link.view.ComboSet[0].text = ports.first();
 
     Burn burn;
     AttachBurn(s.link, burn);

@@ -55,7 +55,7 @@ int cliPortsProbe(const QStringList &args)
     if (!ParseSettings(MBSettings(boxes), &settings))
         return cmd.usageError(QStringLiteral("the line settings %1 can't be opened").arg(MBSettings(boxes)));
 
-    const QString appDir = QCoreApplication::applicationDirPath();
+    const QString appDir = CliAppDir();
     const QStringList ports = cmd.parser.isSet("port") ? cmd.parser.values("port") : CandidatePorts(appDir);
     PortProbe probe;
     probe.pollLimit = int(polls);

@@ -185,6 +185,7 @@ const QList<MenuItem> &viewFormMenus()
         {"LivePlots", "view_menu", "Live plots", true, true, true, {}, false},
         {"ChipHistory", "view_menu", "Chip history", true, true, true, {}, false},
         {"CompareSettings", "view_menu", "Compare settings", true, true, true, {}, false},
+        {"Station", "view_menu", "Production station", true, true, true, {}, false},
         {"about_menu", "", "About", true, true, true, {}, false},
         {"AboutMe", "about_menu", "About Burning", true, true, true, {}, false},
         {"PeoHelp", "about_menu", "operation manual", true, true, true, {}, false},

@@ -1,10 +1,13 @@
 // pyrolink: the bench tool's window.
 #include "appfolder.h"
 #include "pictures.h"
+#include "stationwindow.h"
 #include "viewform.h"
 #include "widgetprompter.h"
 
 #include <QApplication>
+#include <QCheckBox>
+#include <QPushButton>
 #include <QScreen>
 #include <QSettings>
 #include <QTemporaryDir>
@@ -44,6 +47,27 @@ int main(int argc, char *argv[])
     }
     if (!folder.notes.isEmpty())
         prompter.message(folder.notes.join(QLatin1Char('\n')), QStringLiteral("Pyrolink"));
+
+    // A bench PC that only burns opens the station alone.
+    if (app.arguments().contains(QStringLiteral("--station"))) {
+        pyro::StationWindow station(&prompter);
+        station.station.appDir = folder.path;
+        // The bench's own set-up: --port P (repeated), --file F, --auto, --start.
+        const QStringList args = app.arguments();
+        for (int i = 1; i < args.size(); ++i) {
+            const QString next = args.value(i + 1);
+            if (args[i] == QLatin1String("--port") && !next.isEmpty())
+                station.addPortNamed(args[++i]);
+            else if (args[i] == QLatin1String("--file") && !next.isEmpty())
+                station.loadFileNamed(args[++i]);
+            else if (args[i] == QLatin1String("--auto"))
+                station.autoLoadBox()->setChecked(true);
+        }
+        station.show();
+        if (args.contains(QStringLiteral("--start")))
+            station.startButton()->click();
+        return app.exec();
+    }
 
     pyro::ViewForm::Options options;
     options.appDir = folder.path;

@@ -1,4 +1,5 @@
 #include "viewform.h"
+#include "stationwindow.h"
 
 #include "fonts.h"
 #include "help.h"
@@ -607,10 +608,12 @@ void ViewForm::runMenu(const QString &name)
     else if (name == QLatin1String("FastLine"))
         link.fastLine = menuAction(name)->isChecked();
     else if (name == QLatin1String("LineMonitor") || name == QLatin1String("LivePlots")
-             || name == QLatin1String("ChipHistory") || name == QLatin1String("CompareSettings")) {
+             || name == QLatin1String("ChipHistory") || name == QLatin1String("CompareSettings")
+             || name == QLatin1String("Station")) {
         QWidget *w = name == QLatin1String("LineMonitor") ? static_cast<QWidget *>(&lineMonitor())
                    : name == QLatin1String("LivePlots")   ? static_cast<QWidget *>(&livePlots())
                    : name == QLatin1String("ChipHistory") ? static_cast<QWidget *>(&chipHistory())
+                   : name == QLatin1String("Station")     ? static_cast<QWidget *>(&stationWindow())
                                                           : static_cast<QWidget *>(&compareSettings());
         w->show();
         w->raise();
@@ -1247,6 +1250,19 @@ MonitorWindow &ViewForm::lineMonitor()
         m_monitor->setAttribute(Qt::WA_QuitOnClose, false);
     }
     return *m_monitor;
+}
+
+StationWindow &ViewForm::stationWindow()
+{
+    if (!m_station) {
+        m_station = std::make_unique<StationWindow>(m_opt.prompter);
+        m_station->setAttribute(Qt::WA_QuitOnClose, false);
+        m_station->station.appDir = link.appDir;
+        m_station->station.portsInUse = [this] {
+            return link.MBMC && link.MBMC->isOpen() ? QStringList{link.view.ComboSet[0].text} : QStringList();
+        };
+    }
+    return *m_station;
 }
 
 PlotWindow &ViewForm::livePlots()

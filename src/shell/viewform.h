@@ -31,6 +31,7 @@ namespace pyro {
 
 class WidgetPrompter;
 class MonitorWindow;
+class StationWindow;
 class PlotWindow;
 class ChipRecords;
 class ChipHistoryWindow;
@@ -84,6 +85,8 @@ public:
     std::unique_ptr<QDialog> makeBitInfForm(const BitInfRec &rec);
     // The line monitor and the live plots, made when first asked for.
     MonitorWindow &lineMonitor();
+    // The production station; the port open here is refused there.
+    StationWindow &stationWindow();
     PlotWindow &livePlots();
     // Every chip into the chip store; its history window, made when first asked for.
     ChipRecords &chipRecords() { return *m_records; }
@@ -147,6 +150,7 @@ private:
     std::unique_ptr<ChipRecords> m_records;
     std::unique_ptr<ChipHistoryWindow> m_history;
     std::unique_ptr<CompareWindow> m_compare;
+    std::unique_ptr<StationWindow> m_station;
 };
 
 } // namespace pyro

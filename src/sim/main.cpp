@@ -12,10 +12,14 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QSocketNotifier>
 #include <QTimer>
 
 #include <algorithm>
+#include <memory>
+#include <random>
+#include <vector>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -30,13 +34,15 @@ using namespace pyro;
 
 namespace {
 
-// For the signal handler: the link to remove on SIGTERM/SIGINT.
-char g_linkPath[4096];
+// For the signal handler: the links to remove on SIGTERM/SIGINT.
+constexpr int kMaxBoards = 16;
+char g_linkPath[kMaxBoards][1024];
 
 void onSignal(int)
 {
-    if (g_linkPath[0])
-        ::unlink(g_linkPath);
+    for (auto &path : g_linkPath)
+        if (path[0])
+            ::unlink(path);
     ::_exit(0);
 }
 
@@ -153,7 +159,7 @@ public:
         return true;
     }
 
-    bool makeLink(const QString &path, const QString &target, QString *error)
+    bool makeLink(const QString &path, const QString &target, int slot, QString *error)
     {
         const QFileInfo fi(path);
         if (fi.isSymLink())
@@ -168,11 +174,11 @@ public:
         }
         m_linkPath = path;
         const QByteArray p = QFile::encodeName(path);
-        std::strncpy(g_linkPath, p.constData(), sizeof g_linkPath - 1);
+        std::strncpy(g_linkPath[slot], p.constData(), sizeof g_linkPath[slot] - 1);
         return true;
     }
 
-    void start(bool readStdin)
+    void start()
     {
         m_clock.start();
         m_timer.setTimerType(Qt::PreciseTimer);
@@ -196,13 +202,16 @@ public:
                 });
             }
         }
-        if (readStdin) {
-            m_stdinNote = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, this);
-            connect(m_stdinNote, &QSocketNotifier::activated, this, [this] { readCommands(); });
-        }
     }
 
     SimBoard &board() { return m_board; }
+
+    // Now and then a reply lost or spoiled: percent of the frames heard.
+    void setFlaky(int percent, unsigned seed)
+    {
+        m_flakyPercent = percent;
+        m_random.seed(seed);
+    }
 
 private:
     void readLine()
@@ -230,6 +239,9 @@ private:
     void pump()
     {
         const QByteArray heard = m_in.take(nowUs());
+        if (!heard.isEmpty() && m_flakyPercent > 0 && m_board.faults.isEmpty()
+            && int(m_random() % 100) < m_flakyPercent)
+            simArmFault(m_board, m_random() % 2 ? SimFault::DropReply : SimFault::CorruptCrc, 1);
         if (!heard.isEmpty()) {
             simReceive(m_board, heard);
             m_out.push(std::min(m_in.lastEndUs, nowUs()), simGiveOut(m_board));
@@ -307,37 +319,13 @@ private:
         m_out.pending.clear();
     }
 
-    void readCommands()
+public:
+    // One command of stdin for this board; false if it is not one.
+    bool command(const QStringList &w)
     {
-        char buf[1024];
-        const ssize_t n = ::read(STDIN_FILENO, buf, sizeof buf);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN))
-            return;
-        if (n <= 0) {
-            m_stdinNote->setEnabled(false);
-            QCoreApplication::quit();
-            return;
-        }
-        m_stdinText.append(buf, int(n));
-        int nl;
-        while ((nl = int(m_stdinText.indexOf('\n'))) >= 0) {
-            const QByteArray line = m_stdinText.left(nl).trimmed();
-            m_stdinText.remove(0, nl + 1);
-            if (!line.isEmpty())
-                command(QString::fromUtf8(line));
-        }
-    }
-
-    void command(const QString &line)
-    {
-        const QStringList w = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
         const QString verb = w.value(0).toLower();
         bool ok = true;
-        if (verb == QLatin1String("quit")) {
-            say("ok quit");
-            QCoreApplication::quit();
-            return;
-        } else if (verb == QLatin1String("silent") && w.size() == 2
+        if (verb == QLatin1String("silent") && w.size() == 2
                    && (w[1] == QLatin1String("on") || w[1] == QLatin1String("off"))) {
             simSetSilent(m_board, w[1] == QLatin1String("on"));
         } else if (verb == QLatin1String("swap") && w.size() <= 2) {
@@ -359,7 +347,7 @@ private:
         } else {
             ok = false;
         }
-        say((ok ? "ok " : "error ") + line.toUtf8());
+        return ok;
     }
 
 public:
@@ -388,15 +376,75 @@ private:
     int m_master = -1;
     int m_slave = -1;
     QSocketNotifier *m_readNote = nullptr;
-    QSocketNotifier *m_stdinNote = nullptr;
     QSocketNotifier *m_endNote = nullptr;
     int m_endFd = -1;
     QTimer m_timer;
     QElapsedTimer m_clock;
     QByteArray m_toWrite;
     PacedPipe m_in, m_out;
-    QByteArray m_stdinText;
     QString m_linkPath;
+    int m_flakyPercent = 0;
+    std::minstd_rand m_random;
+};
+
+// The commands on stdin, for one board ("2@silent on") or for all.
+class Commands : public QObject {
+public:
+    explicit Commands(std::vector<std::unique_ptr<SimHost>> &hosts)
+        : m_hosts(hosts)
+    {
+        m_note = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, this);
+        connect(m_note, &QSocketNotifier::activated, this, [this] { readCommands(); });
+    }
+
+private:
+    void readCommands()
+    {
+        char buf[1024];
+        const ssize_t n = ::read(STDIN_FILENO, buf, sizeof buf);
+        if (n < 0 && (errno == EINTR || errno == EAGAIN))
+            return;
+        if (n <= 0) {
+            m_note->setEnabled(false);
+            QCoreApplication::quit();
+            return;
+        }
+        m_text.append(buf, int(n));
+        int nl;
+        while ((nl = int(m_text.indexOf('\n'))) >= 0) {
+            const QByteArray line = m_text.left(nl).trimmed();
+            m_text.remove(0, nl + 1);
+            if (!line.isEmpty())
+                command(QString::fromUtf8(line));
+        }
+    }
+
+    void command(const QString &line)
+    {
+        QStringList w = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        if (w.value(0).toLower() == QLatin1String("quit")) {
+            say("ok quit");
+            QCoreApplication::quit();
+            return;
+        }
+        // "B@verb ...": board B only, counted from 1.
+        int only = 0;
+        bool ok = true;
+        const int at = int(w.value(0).indexOf(QLatin1Char('@')));
+        if (at > 0) {
+            only = w[0].left(at).toInt(&ok);
+            ok = ok && only >= 1 && only <= int(m_hosts.size());
+            w[0] = w[0].mid(at + 1);
+        }
+        for (int i = 0; ok && i < int(m_hosts.size()); ++i)
+            if (only == 0 || only == i + 1)
+                ok = m_hosts[size_t(i)]->command(w);
+        say((ok ? "ok " : "error ") + line.toUtf8());
+    }
+
+    std::vector<std::unique_ptr<SimHost>> &m_hosts;
+    QSocketNotifier *m_note = nullptr;
+    QByteArray m_text;
 };
 
 int fail(const QString &text)
@@ -417,7 +465,9 @@ int main(int argc, char **argv)
     p.setApplicationDescription(QStringLiteral("The simulated controller board on a pseudo-terminal."));
     p.addHelpOption();
     p.addVersionOption();
-    p.addOption({QStringLiteral("link"), QStringLiteral("Symlink to the slave device; a bare name (COM4) goes in the tools' application folder."), QStringLiteral("path")});
+    p.addOption({QStringLiteral("link"), QStringLiteral("Symlink to the slave device, one per board or one ending in a number that counts up; a bare name (COM4) goes in the tools' application folder."), QStringLiteral("path")});
+    p.addOption({QStringLiteral("boards"), QStringLiteral("Boards, each on its own pseudo-terminal (1)."), QStringLiteral("n"), QStringLiteral("1")});
+    p.addOption({QStringLiteral("flaky"), QStringLiteral("[B@]P: P% of the frames heard get a reply lost or spoiled."), QStringLiteral("percent")});
     p.addOption({QStringLiteral("baud"), QStringLiteral("Line speed for pacing (57600)."), QStringLiteral("n"), QStringLiteral("57600")});
     p.addOption({QStringLiteral("no-pace"), QStringLiteral("Take requests and give replies at once.")});
     p.addOption({QStringLiteral("mode"), QStringLiteral("Board mode 1 loader, 2 running, 3 stopped."), QStringLiteral("n"), QStringLiteral("2")});
@@ -425,7 +475,7 @@ int main(int argc, char **argv)
     p.addOption({QStringLiteral("erase-ticks"), QStringLiteral("Ticks a page erase takes."), QStringLiteral("n")});
     p.addOption({QStringLiteral("swap-after-burn"), QStringLiteral("A new chip after each finished image.")});
     p.addOption({QStringLiteral("settings"), QStringLiteral("Factory settings block from a file."), QStringLiteral("file")});
-    p.addOption({QStringLiteral("fault"), QStringLiteral("Arm a fault: NAME[:count[:function]]."), QStringLiteral("fault")});
+    p.addOption({QStringLiteral("fault"), QStringLiteral("Arm a fault: [B@]NAME[:count[:function]] (board B, else all)."), QStringLiteral("fault")});
     p.addOption({QStringLiteral("no-stdin"), QStringLiteral("Take no commands; run until a signal.")});
     p.addOption({QStringLiteral("trace"), QStringLiteral("Frames in and out on stderr.")});
     p.process(app);
@@ -463,40 +513,105 @@ int main(int argc, char **argv)
             return fail(QStringLiteral("%1 is empty").arg(f.fileName()));
     }
 
-    SimHost host(o, p.isSet(QStringLiteral("trace")), byteUs);
-    for (const QString &given : p.values(QStringLiteral("fault"))) {
-        const QStringList parts = given.split(QLatin1Char(':'));
-        if (parts.size() > 3 || !SimHost::armFault(host.board(), parts.value(0), parts.value(1), parts.value(2)))
-            return fail(QStringLiteral("bad --fault %1").arg(given));
+    const int boards = p.value(QStringLiteral("boards")).toInt(&ok);
+    if (!ok || boards < 1 || boards > kMaxBoards)
+        return fail(QStringLiteral("bad --boards: 1 to %1").arg(kMaxBoards));
+    // One --link per board, or one that ends in a number and counts up: COM4, COM5, ...
+    QStringList links = p.values(QStringLiteral("link"));
+    if (links.size() == 1 && boards > 1) {
+        static const QRegularExpression tailNumber(QStringLiteral("^(.*?)(\\d+)$"));
+        const auto m = tailNumber.match(links[0]);
+        if (!m.hasMatch())
+            return fail(QStringLiteral("--link %1 with --boards %2: give a link for each board, or one ending in a number")
+                            .arg(links[0]).arg(boards));
+        for (int i = 1; i < boards; ++i)
+            links << m.captured(1) + QString::number(m.captured(2).toInt() + i);
+    }
+    if (!links.isEmpty() && links.size() != boards)
+        return fail(QStringLiteral("%1 --link for %2 boards").arg(links.size()).arg(boards));
+
+    std::vector<std::unique_ptr<SimHost>> hosts;
+    for (int i = 0; i < boards; ++i) {
+        SimOptions oi = o;
+        // Each board its own chips: the first byte tells the boards apart,
+        // swaps count up in the last four.
+        if (oi.identity.isEmpty())
+            oi.identity = simDefaultIdentity();
+        oi.identity[0] = char(uint8_t(oi.identity[0]) + i);
+        hosts.push_back(std::make_unique<SimHost>(oi, p.isSet(QStringLiteral("trace")), byteUs));
+    }
+    // "[B@]NAME[:count[:function]]": board B only, else every board.
+    auto boardOf = [&](QString &given, int *only) {
+        *only = 0;
+        const int at = int(given.indexOf(QLatin1Char('@')));
+        if (at <= 0)
+            return true;
+        bool okB = false;
+        *only = given.left(at).toInt(&okB);
+        given = given.mid(at + 1);
+        return okB && *only >= 1 && *only <= boards;
+    };
+    for (const QString &value : p.values(QStringLiteral("fault"))) {
+        QString given = value;
+        int only = 0;
+        const QStringList parts = boardOf(given, &only) ? given.split(QLatin1Char(':')) : QStringList();
+        if (parts.isEmpty() || parts.size() > 3)
+            return fail(QStringLiteral("bad --fault %1").arg(value));
+        for (int i = 0; i < boards; ++i)
+            if ((only == 0 || only == i + 1)
+                && !SimHost::armFault(hosts[size_t(i)]->board(), parts.value(0), parts.value(1), parts.value(2)))
+                return fail(QStringLiteral("bad --fault %1").arg(value));
+    }
+    for (const QString &value : p.values(QStringLiteral("flaky"))) {
+        QString given = value;
+        int only = 0;
+        bool okP = boardOf(given, &only);
+        const int percent = given.toInt(&okP);
+        if (!okP || percent < 0 || percent > 100)
+            return fail(QStringLiteral("bad --flaky %1").arg(value));
+        for (int i = 0; i < boards; ++i)
+            if (only == 0 || only == i + 1)
+                hosts[size_t(i)]->setFlaky(percent, unsigned(i + 1));
     }
 
-    QString slave, error;
-    if (!host.openLine(baud, &slave, &error))
-        return fail(error);
-    if (p.isSet(QStringLiteral("link"))) {
-        QString link = p.value(QStringLiteral("link"));
-        // A bare name is a port name, put where the window and the command
-        // line look for their COMn links.
-        if (!link.contains(QLatin1Char('/'))) {
-            const AppFolder &folder = ApplicationFolder();
-            if (!folder.error.isEmpty())
-                return fail(folder.error);
-            link = QDir(folder.path).filePath(link);
-        }
-        if (!host.makeLink(link, slave, &error))
+    QByteArrayList slaves;
+    for (int i = 0; i < boards; ++i) {
+        QString slave, error;
+        if (!hosts[size_t(i)]->openLine(baud, &slave, &error))
             return fail(error);
+        if (!links.isEmpty()) {
+            QString link = links[i];
+            // A bare name is a port name, put where the window and the command
+            // line look for their COMn links.
+            if (!link.contains(QLatin1Char('/'))) {
+                const AppFolder &folder = ApplicationFolder();
+                if (!folder.error.isEmpty())
+                    return fail(folder.error);
+                link = QDir(folder.path).filePath(link);
+            }
+            if (!hosts[size_t(i)]->makeLink(link, slave, i, &error))
+                return fail(error);
+        }
+        slaves << QFile::encodeName(slave);
     }
     std::signal(SIGTERM, onSignal);
     std::signal(SIGINT, onSignal);
     std::signal(SIGPIPE, SIG_IGN);
 
-    // What the board took, for a script or a test to hold against the burner's record.
-    host.board().onImageClosed = [](const SimFinishedImage &f) {
-        const QByteArray image = f.flash.left(int(f.bytesDone));
-        say("closed " + f.identity.toHex().toUpper() + ' ' + QByteArray::number(f.bytesDone) + ' '
-            + QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex());
-    };
-    host.start(!p.isSet(QStringLiteral("no-stdin")));
-    say("ready " + QFile::encodeName(slave));
+    // What the board took, for a script or a test to hold against the burner's
+    // record; with several boards, which board.
+    for (int i = 0; i < boards; ++i) {
+        const QByteArray which = boards > 1 ? ' ' + QByteArray::number(i + 1) : QByteArray();
+        hosts[size_t(i)]->board().onImageClosed = [which](const SimFinishedImage &f) {
+            const QByteArray image = f.flash.left(int(f.bytesDone));
+            say("closed " + f.identity.toHex().toUpper() + ' ' + QByteArray::number(f.bytesDone) + ' '
+                + QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex() + which);
+        };
+        hosts[size_t(i)]->start();
+    }
+    std::unique_ptr<Commands> commands;
+    if (!p.isSet(QStringLiteral("no-stdin")))
+        commands = std::make_unique<Commands>(hosts);
+    say("ready " + slaves.join(' '));
     return app.exec();
 }

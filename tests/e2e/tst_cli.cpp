@@ -283,6 +283,46 @@ private slots:
         QVERIFY(got[0].section(' ', 1, 1) != got[1].section(' ', 1, 1));
     }
 
+    // An order of five over three boards at once: five good chips, each in
+    // JSON with its port, no more images closed than that; a port named twice
+    // is a usage error, and a port that isn't there fails alone with code 3.
+    void burnOnThreePorts()
+    {
+        SimProcess boards;
+        QVERIFY(boards.start({"--boards", "3", "--swap-after-burn", "--no-pace"}));
+        const QStringList ptys = boards.path.split(' ');
+        QCOMPARE(ptys.size(), 3);
+        QTemporaryDir home;
+        const CliRun r = cli({"burn", "--port", ptys[0] + "," + ptys[1], "--port", ptys[2], "--file", kDemo, "--auto",
+                              "--chips", "5", "--json", "--fast"},
+                             home.path());
+        QVERIFY2(r.code == 0, qPrintable(r.err));
+        const QStringList json = lines(r.out);
+        QCOMPARE(json.size(), 5);
+        QSet<QString> ports;
+        for (const QString &j : json) {
+            const QJsonObject o = QJsonDocument::fromJson(j.toUtf8()).object();
+            QCOMPARE(o["result"].toString(), QString("done"));
+            QVERIFY(ptys.contains(o["port"].toString()));
+            ports << o["port"].toString();
+        }
+        QVERIFY(ports.size() >= 2);
+        QVERIFY(r.err.contains("5 chip(s) done"));
+        QStringList got;
+        while (boards.proc.waitForReadyRead(300) || boards.proc.canReadLine())
+            while (boards.proc.canReadLine())
+                got << QString::fromUtf8(boards.proc.readLine()).trimmed();
+        QCOMPARE(got.filter(QRegularExpression("^closed ")).size(), 5);
+
+        const CliRun twice = cli({"burn", "--port", ptys[0], "--port", ptys[0], "--file", kDemo}, home.path());
+        QCOMPARE(twice.code, 2);
+        QVERIFY(twice.err.contains("already on the station"));
+        const CliRun missing = cli({"burn", "--port", ptys[1] + "," + dir.filePath("nowhere"), "--file", kDemo}, home.path());
+        QCOMPARE(missing.code, 3);
+        QVERIFY2(missing.out.contains(QRegularExpression("nowhere +0 +0 +\\S+ +exit 3: port: not found")), qPrintable(missing.out));
+        QVERIFY(missing.out.contains(QRegularExpression(QRegularExpression::escape(ptys[1]) + " +1 +0 +\\S+ +ok")));
+    }
+
     // A record folder that can't be made, or record files that are FIFOs:
     // the burn goes on and says so once, nothing blocks, no Qt warning.
     void unwritableRecord_data()

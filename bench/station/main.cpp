@@ -1,0 +1,209 @@
+// bench-station: the production station on 1, 2, 4 and 8 boards of
+// pyrolink-sim at once, which paces both directions of every line at the
+// baud rate, burning 32,767-byte images (the most a burn carries) with
+// AutoLoad, in normal mode and on the fast line. Prints payload bytes a
+// second and chips an hour for each number of ports, the scaling against one
+// port, the tick period (mean and worst) and this program's CPU.
+// Usage: bench-station [--chips K] [--ports 1,2,4,8] [--window] [--fast-only]
+//                      [--erase-ticks N] [--sim PATH]
+// (K chips per port, 2 unless told; --window shows the station window, on
+// whatever display Qt finds, and ticks by its timer; --erase-ticks is the
+// board's page erase time in ticks, 2 unless told)
+#include "benchkit.h"
+#include "station.h"
+#include "stationwindow.h"
+
+#include <QApplication>
+#include <QFile>
+#include <QTemporaryDir>
+#include <sys/resource.h>
+
+using namespace pyro;
+
+namespace {
+
+double cpuSeconds()
+{
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) + double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+struct Result {
+    bool ok = false;
+    QString why;
+    double wallS = 0;
+    int good = 0;
+    int failed = 0;
+    qint64 bytes = 0;
+    double tickMean = 0, tickWorst = 0;
+    int stalls = 0;                      // ticks more than 50 ms apart
+    double cpuShare = 0;                 // of one core
+};
+
+Result runStation(const QString &simPath, const QString &image, int ports, int chipsPerPort, bool fast, bool window,
+                  const QStringList &simArgs, QTextStream &err)
+{
+    Result r;
+    QProcess sim;
+    const QString first = startSim(sim, simPath,
+                                   QStringList{"--boards", QString::number(ports), "--swap-after-burn", "--no-stdin"} + simArgs, err);
+    if (first.isEmpty()) {
+        r.why = "no simulated boards";
+        return r;
+    }
+    const QStringList ptys = first.split(' ', Qt::SkipEmptyParts);
+
+    std::unique_ptr<StationWindow> win;
+    Station own;
+    Station *st = &own;
+    if (window) {
+        win = std::make_unique<StationWindow>(nullptr);
+        win->tickTimer().stop();
+        st = &win->station;
+    }
+    st->recordFolder.clear();            // a benchmark leaves no records
+    st->autoLoad = true;
+    st->fastLine = fast;
+    st->chipsTarget = ports * chipsPerPort;
+    for (const QString &p : ptys) {
+        QString why;
+        if (!StationAddPort(*st, p, &why)) {
+            r.why = why;
+            return r;
+        }
+    }
+    StationLoadFile(*st, image, nullptr);
+    if (win) {
+        win->show();
+        win->refresh();
+    }
+    if (!StationStart(*st)) {
+        r.why = st->message;
+        return r;
+    }
+
+    QElapsedTimer wall, sinceTick;
+    qint64 tickCount = 0;
+    double sumMs = 0;
+    QTimer tick;
+    tick.setTimerType(Qt::PreciseTimer);
+    tick.setInterval(15);
+    auto onTick = [&] {
+        if (sinceTick.isValid()) {
+            const double ms = sinceTick.nsecsElapsed() / 1e6;
+            sumMs += ms;
+            ++tickCount;
+            r.tickWorst = std::max(r.tickWorst, ms);
+            r.stalls += ms > 50;
+        }
+        sinceTick.start();
+    };
+    // With the window its own timer ticks and refreshes; the measure rides on it.
+    QTimer &driver = win ? win->tickTimer() : tick;
+    QObject::connect(&driver, &QTimer::timeout, onTick);
+    if (!win)
+        QObject::connect(&tick, &QTimer::timeout, [st] { StationTick(*st); });
+    const double cpu0 = cpuSeconds();
+    wall.start();
+    driver.start();
+    waitUntil([st] { return !StationRunning(*st); }, 900000);
+    driver.stop();
+    r.wallS = wall.nsecsElapsed() / 1e9;
+    r.cpuShare = (cpuSeconds() - cpu0) / r.wallS;
+    r.good = st->good;
+    r.failed = st->failed;
+    r.bytes = qint64(st->good) * st->binLen;
+    r.tickMean = tickCount ? sumMs / double(tickCount) : 0;
+    StationStop(*st);
+    sim.terminate();
+    if (!sim.waitForFinished(3000))
+        sim.kill();
+    r.ok = r.good == st->chipsTarget;
+    if (!r.ok)
+        r.why = QString("%1 of %2 chips").arg(r.good).arg(st->chipsTarget);
+    return r;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    QTextStream out(stdout), err(stderr);
+    const QStringList args = app.arguments().mid(1);
+    QString simPath = QCoreApplication::applicationDirPath() + "/pyrolink-sim";
+    int chips = 2;
+    QList<int> counts{1, 2, 4, 8};
+    bool window = false;
+    QList<bool> modes{false, true};
+    QStringList simArgs;
+    for (int i = 0; i < args.size(); ++i) {
+        if (args[i] == "--chips" && i + 1 < args.size())
+            chips = std::max(1, args[++i].toInt());
+        else if (args[i] == "--sim" && i + 1 < args.size())
+            simPath = args[++i];
+        else if (args[i] == "--ports" && i + 1 < args.size()) {
+            counts.clear();
+            for (const QString &n : args[++i].split(','))
+                if (n.toInt() >= 1 && n.toInt() <= 16)
+                    counts << n.toInt();
+        } else if (args[i] == "--window")
+            window = true;
+        else if (args[i] == "--fast-only")
+            modes = {true};
+        else if (args[i] == "--erase-ticks" && i + 1 < args.size())
+            simArgs << "--erase-ticks" << args[++i];
+        else {
+            err << "usage: bench-station [--chips K] [--ports 1,2,4,8] [--window] [--fast-only] [--erase-ticks N] [--sim PATH]\n";
+            return 2;
+        }
+    }
+
+    QTemporaryDir dir;
+    QByteArray img(kMaxImageLen, '\0');
+    for (int i = 0; i < img.size(); ++i)
+        img[i] = char((i * 131 + (i >> 9)) & 0xFF);
+    img.replace(1024, 50, QByteArray(50, char(0xFF)));
+    const QString path = dir.filePath("largest.BIN");
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly) || f.write(img) != img.size()) {
+        err << "bench-station: cannot write " << path << "\n";
+        return 2;
+    }
+    f.close();
+
+    out << QString("57600 baud, image %1 bytes, frame length 512, %2 chip(s) a port, AutoLoad with chip swaps%3%4\n")
+               .arg(img.size()).arg(chips).arg(window ? ", station window shown" : "")
+               .arg(simArgs.isEmpty() ? QString() : ", board: " + simArgs.join(' '));
+    out << QString("  %1 %2 %3 %4 %5 %6 %7 %8 %9\n")
+               .arg("mode", -7).arg("ports", 5).arg("wall s", 7).arg("byte/s", 7).arg("chips/h", 8)
+               .arg("scaling", 8).arg("tick ms mean/worst", 19).arg(">50ms", 5).arg("CPU %", 6);
+    int status = 0;
+    for (bool fast : modes) {
+        double onePort = 0;
+        for (int n : counts) {
+            const Result r = runStation(simPath, path, n, chips, fast, window, simArgs, err);
+            if (!r.ok) {
+                err << "bench-station: " << (fast ? "fast" : "normal") << " on " << n << " port(s): " << r.why << "\n";
+                status = 1;
+                continue;
+            }
+            const double perHour = r.good * 3600.0 / r.wallS;
+            if (n == 1)
+                onePort = perHour;
+            out << QString("  %1 %2 %3 %4 %5 %6 %7 %8 %9\n")
+                       .arg(fast ? "fast" : "normal", -7)
+                       .arg(n, 5)
+                       .arg(r.wallS, 7, 'f', 1)
+                       .arg(r.bytes / r.wallS, 7, 'f', 0)
+                       .arg(perHour, 8, 'f', 0)
+                       .arg(onePort > 0 ? QString("%1x").arg(perHour / onePort, 0, 'f', 2) : QString("-"), 8)
+                       .arg(QString("%1 / %2").arg(r.tickMean, 0, 'f', 2).arg(r.tickWorst, 0, 'f', 1), 19)
+                       .arg(r.stalls, 5)
+                       .arg(100.0 * r.cpuShare, 6, 'f', 1);
+            out.flush();
+        }
+    }
+    return status;
+}
