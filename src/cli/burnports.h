@@ -9,6 +9,7 @@ struct BurnPortsOptions {
     QString file;
     QString frameLen;
     QString order;
+    QString station;                    // the chip store's station; empty: the host name
     bool autoLoad = false;
     bool keepSettings = false;
     bool fast = false;

@@ -94,6 +94,7 @@ int cliBurn(const QStringList &args)
         o.file = file;
         o.frameLen = frameLen;
         o.order = cmd.parser.value("order");
+        o.station = cmd.parser.value("station");
         o.autoLoad = autoLoad;
         o.keepSettings = cmd.parser.isSet("keep-settings");
         o.fast = s.link.fastLine;

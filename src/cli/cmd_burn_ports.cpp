@@ -1,5 +1,6 @@
 // pyrolink-cli burn on several ports at once: the station without a window.
 #include "burnports.h"
+#include "chipwriter.h"
 #include "clisession.h"
 #include "portcontrol.h"
 #include "station.h"
@@ -92,6 +93,14 @@ int cliBurnPorts(const QStringList &ports, const BurnPortsOptions &o, const pyro
             watch[i].why = QStringLiteral("port: ") + trouble;
         }
     }
+
+    // Every chip also goes to the chip store, through its own thread.
+    ChipWriter writer(ChipStorePath(RecordFolder()));
+    writer.start();
+    const QString station = o.station.isEmpty() ? DefaultStation() : o.station;
+    st.toStore = [&](const ChipRecord &r) {
+        writer.append(ChipRowFromRecord(r, station, QCoreApplication::applicationVersion()));
+    };
 
     int failedChips = 0;
     st.onChip = [&](StationPort &p, const ChipRecord &r) {
@@ -257,6 +266,12 @@ int cliBurnPorts(const QStringList &ports, const BurnPortsOptions &o, const pyro
     for (const RowWatch &w : watch)
         worst = std::max(worst, w.code);
 
+    writer.stop();
+    for (const QString &m : writer.take().messages)
+        err << m << Qt::endl;
+    if (const int left = writer.pending())
+        err << left << " chip(s) wait for the chip store in "
+            << QDir::toNativeSeparators(writer.storePath() + ".pending") << "\n";
     if (StationWriteRecord(st))
         err << "log appended to "
             << QDir::toNativeSeparators(QDir(st.recordFolder).filePath(RecordFileName(st.now().date()))) << "\n";

@@ -1,5 +1,6 @@
 #include "stationwindow.h"
 #include "burn.h"
+#include "chipwriter.h"
 #include "prompter.h"
 
 #include <QApplication>
@@ -51,6 +52,17 @@ StationWindow::StationWindow(Prompter *prompter, QWidget *parent)
 {
     setWindowTitle(QStringLiteral("Production station"));
     station.recordFolder = RecordFolder();
+    // Every chip also goes to the chip store beside the day's records; the
+    // first chip starts its writer, so a station that burns nothing leaves none.
+    station.toStore = [this](const ChipRecord &r) {
+        if (station.recordFolder.isEmpty())
+            return;
+        if (!m_writer) {
+            m_writer = std::make_unique<ChipWriter>(ChipWriter::Options(ChipStorePath(station.recordFolder)));
+            m_writer->start();
+        }
+        m_writer->append(ChipRowFromRecord(r, DefaultStation(), QCoreApplication::applicationVersion()));
+    };
     station.appDir = QCoreApplication::applicationDirPath();
 
     auto *top = new QVBoxLayout(this);
@@ -149,6 +161,8 @@ StationWindow::~StationWindow()
     m_tick.stop();
     StationStop(station);
     StationWriteRecord(station);
+    if (m_writer)
+        m_writer->stop();
 }
 
 void StationWindow::say(const QString &text)
@@ -209,6 +223,13 @@ void StationWindow::start()
 void StationWindow::tick()
 {
     StationTick(station);
+    if (m_writer) {
+        const ChipWriter::Events e = m_writer->take();
+        for (const QString &m : e.messages)
+            say(m);
+        for (const ChipMet &m : e.met)
+            say(ChipMetText(m));
+    }
     refresh();
 }
 

@@ -3,6 +3,7 @@
 
 #include <QTimer>
 #include <QWidget>
+#include <memory>
 #include <vector>
 
 class QCheckBox;
@@ -17,6 +18,7 @@ class QVBoxLayout;
 namespace pyro {
 
 class Prompter;
+class ChipWriter;
 
 // The production station: one row per port, each with a verdict readable
 // across the room. It shows the station's state and forwards clicks; the
@@ -73,6 +75,7 @@ private:
 
     Prompter *m_prompter;
     QTimer m_tick;
+    std::unique_ptr<ChipWriter> m_writer;   // the chip store, from the first chip on
     std::vector<Row> m_rows;
     std::vector<Verdict> m_lastVerdict;
     QVBoxLayout *m_rowsLayout = nullptr;

@@ -340,6 +340,10 @@ bool StationAddPort(Station &s, const QString &name, QString *why)
     AttachBurn(r.link, r.burn);
     r.link.onExchange = [&r](const ExchangeRecord &e) { watchExchange(r, e); };
     r.burn.chipLog.onRecord = [&s, &r](const ChipRecord &c) { chipEnded(s, r, c); };
+    r.burn.chipLog.toStore = [&s](const ChipRecord &c) {
+        if (s.toStore)
+            s.toStore(c);
+    };
     r.state = QStringLiteral("idle");
     s.ports.push_back(std::move(p));
     return true;

@@ -101,6 +101,8 @@ struct Station {
     std::function<QString(const ChipIdent &)> seenInStore;
     // Every chip's record, as it is written; the row it came from.
     std::function<void(StationPort &, const ChipRecord &)> onChip;
+    // Every chip into the chip store, right after its CSV line; unset, none.
+    std::function<void(const ChipRecord &)> toStore;
 
     qint64 ticks = 0;
 };
