@@ -74,6 +74,8 @@ void TstStation::threeBoardsOneFaulty()
     s.autoLoad = true;
     s.chipsTarget = 6;
     s.order = QStringLiteral("ORDER-42");
+    QList<ChipRecord> stored;   // what the chip store is handed
+    s.toStore = [&](const ChipRecord &r) { stored << r; };
     QVERIFY(StationLoadFile(s, t.image(5000), nullptr));
     QVERIFY(StationStart(s));
     QVERIFY(t.runUntil([&] { return !StationRunning(s); }));
@@ -112,6 +114,10 @@ void TstStation::threeBoardsOneFaulty()
     const QString csv = QString::fromUtf8(readAll(QDir(s.recordFolder).filePath(ChipLogFileName(QDate(2026, 11, 23)))));
     const QStringList lines = csv.split(QStringLiteral("\r\n"), Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), t.records.size() + 1);
+    // The store gets the same chips, in the order of their lines.
+    QCOMPARE(stored.size(), int(t.records.size()));
+    for (int i = 0; i < stored.size(); ++i)
+        QCOMPARE(ChipCsvLine(stored[i]), ChipCsvLine(t.records[i].second));
     for (const QString &line : lines.mid(1))
         QVERIFY2(line.section(QLatin1Char(','), 1, 1).startsWith(QLatin1String("COM")), qPrintable(line));
     // The text record tells which port each line is about.
