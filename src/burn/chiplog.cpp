@@ -14,15 +14,6 @@ namespace {
 constexpr int kStatusAt = 2;
 constexpr int kIdentityReplyLen = 3 + 12 + 2;   // status, identity, CRC
 
-QString csvField(const QString &s)
-{
-    if (!s.contains(QLatin1Char(',')) && !s.contains(QLatin1Char('"')) && !s.contains(QLatin1Char('\n'))
-        && !s.contains(QLatin1Char('\r')))
-        return s;
-    QString q = s;
-    q.replace(QLatin1String("\""), QLatin1String("\"\""));
-    return QLatin1Char('"') + q + QLatin1Char('"');
-}
 
 QString timeText(const QDateTime &t)
 {
@@ -60,6 +51,16 @@ QString ChipLogFileName(const QDate &day)
     return QStringLiteral("%1.%2.%3(K0).csv").arg(day.year()).arg(day.month()).arg(day.day());
 }
 
+QString CsvField(const QString &s)
+{
+    if (!s.contains(QLatin1Char(',')) && !s.contains(QLatin1Char('"')) && !s.contains(QLatin1Char('\n'))
+        && !s.contains(QLatin1Char('\r')))
+        return s;
+    QString q = s;
+    q.replace(QLatin1String("\""), QLatin1String("\"\""));
+    return QLatin1Char('"') + q + QLatin1Char('"');
+}
+
 QString ChipCsvHeader()
 {
     return QStringLiteral("time,port,chip_id,order,image,length,sha256,duration_s,retries,result");
@@ -74,8 +75,8 @@ QString ChipIdText(const ChipRecord &r)
 
 QString ChipCsvLine(const ChipRecord &r)
 {
-    const QStringList f{timeText(r.when), csvField(r.port), ChipIdText(r), csvField(r.order),
-                        csvField(r.imagePath), QString::number(r.imageLen), QString::fromLatin1(r.sha256.toHex()),
+    const QStringList f{timeText(r.when), CsvField(r.port), ChipIdText(r), CsvField(r.order),
+                        CsvField(r.imagePath), QString::number(r.imageLen), QString::fromLatin1(r.sha256.toHex()),
                         secondsText(r.durationMs), QString::number(r.retries), r.result};
     return f.join(QLatin1Char(','));
 }

@@ -51,6 +51,8 @@ struct ChipLog {
 
 // "2026.1.5(K0).csv", beside "2026.1.5(K0).Txt".
 QString ChipLogFileName(const QDate &day);
+// A CSV field as written: quoted, with its quotes doubled, only when it must be.
+QString CsvField(const QString &s);
 QString ChipCsvHeader();
 QString ChipCsvLine(const ChipRecord &r);
 // 24 upper-case hex digits, or empty when the chip never told its identity.

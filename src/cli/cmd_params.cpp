@@ -1,5 +1,6 @@
 // pyrolink-cli params: the settings block, the running values and the
 // information block of the board, as the image buttons reach them.
+#include "chiplog.h"
 #include "clisession.h"
 #include "commands.h"
 #include "fileguard.h"
@@ -262,13 +263,6 @@ struct WatchOptions {
     QString format;
 };
 
-QString csvField(const QString &s)
-{
-    if (!s.contains(QLatin1Char(',')) && !s.contains(QLatin1Char('"')))
-        return s;
-    return QLatin1Char('"') + QString(s).replace(QLatin1String("\""), QLatin1String("\"\"")) + QLatin1Char('"');
-}
-
 int watch(ParamsRun &run, const QList<int> &rows, const WatchOptions &o)
 {
     CliSession &s = run.s;
@@ -278,7 +272,7 @@ int watch(ParamsRun &run, const QList<int> &rows, const WatchOptions &o)
     if (o.format == QLatin1String("csv")) {
         QStringList head{QStringLiteral("time")};
         for (int r : rows)
-            head << csvField(g.text(r, 2).trimmed());
+            head << CsvField(g.text(r, 2).trimmed());
         s.emitLine(head.join(','));
     }
     qint64 seen = 0, answers = 0;
@@ -315,7 +309,7 @@ int watch(ParamsRun &run, const QList<int> &rows, const WatchOptions &o)
         if (o.format == QLatin1String("csv")) {
             QStringList f{time};
             for (int r : rows)
-                f << csvField(g.text(r, kValueCol));
+                f << CsvField(g.text(r, kValueCol));
             s.emitLine(f.join(','));
         } else if (o.format == QLatin1String("json")) {
             QJsonObject values;

@@ -96,15 +96,6 @@ bool isHex(const QString &s, int len, bool upper)
     return true;
 }
 
-QString csvField(const QString &s)
-{
-    if (!s.contains(QLatin1Char(',')) && !s.contains(QLatin1Char('"')) && !s.contains(QLatin1Char('\n'))
-        && !s.contains(QLatin1Char('\r')))
-        return s;
-    QString q = s;
-    q.replace(QLatin1String("\""), QLatin1String("\"\""));
-    return QLatin1Char('"') + q + QLatin1Char('"');
-}
 
 QString isoUtc(qint64 ms)
 {
@@ -180,7 +171,7 @@ QString CsvJoin(const QStringList &fields)
     QStringList q;
     q.reserve(fields.size());
     for (const QString &f : fields)
-        q << csvField(f);
+        q << CsvField(f);
     return q.join(QLatin1Char(','));
 }
 
