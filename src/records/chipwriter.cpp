@@ -82,6 +82,21 @@ void ChipWriter::start()
     // Read before the first row is handed over, which also goes into the file.
     m_initial = ReadPendingRows(m_opt.pendingPath);
     m_inWork = int(m_initial.size());
+    // A run killed mid-line leaves a cut line: the file is written again with
+    // the whole rows only, so that no new row is glued onto it.
+    if (QFile::exists(m_opt.pendingPath)) {
+        std::lock_guard fileLock(m_fileMutex);
+        if (m_initial.isEmpty()) {
+            QFile::remove(m_opt.pendingPath);
+        } else {
+            QSaveFile f(m_opt.pendingPath);
+            QByteArray text;
+            for (const ChipRow &r : m_initial)
+                text += ChipRowJson(r).toUtf8() + '\n';
+            if (f.open(QIODevice::WriteOnly) && f.write(text) == text.size())
+                f.commit();
+        }
+    }
     m_thread = QThread::create([this] { run(); });
     m_thread->start();
 }

@@ -487,10 +487,18 @@ void TstChipStore::pendingSurvivesTheProgram()
         QVERIFY(w.take().messages.value(0).contains("is not a file"));
     }
     QCOMPARE(ReadPendingRows(path + ".pending").size(), 5);
+    {
+        // A program killed mid-line: the cut line is passed over, and the
+        // next row handed over is not glued onto it.
+        QFile f(path + ".pending");
+        QVERIFY(f.open(QIODevice::Append));
+        f.write("{\"chip_id\":\"53");
+    }
     QVERIFY(QDir(path).removeRecursively());
     ChipWriter w(path);
     w.start();
-    QVERIFY(waitFor([&] { return allRows(path).size() == 5; }));
+    w.append(sampleRow(5));
+    QVERIFY(waitFor([&] { return allRows(path).size() == 6; }));
     QVERIFY(waitFor([&] { return !QFile::exists(path + ".pending"); }));
 }
 
