@@ -64,6 +64,31 @@ bool AppendPendingRows(const QString &path, const QList<ChipRow> &rows)
     return f.write(text) == text.size() && f.flush();
 }
 
+namespace {
+
+// The chip's burns that ended done, as the store holds them now.
+bool lookUpChip(ChipStore &store, const QString &chipId, ChipMet *out)
+{
+    QString error;
+    if (!store.isOpen() && !store.open(&error))
+        return false;
+    ChipQuery q;
+    q.chipId = chipId;
+    q.result = QStringLiteral("done");
+    ChipMet m;
+    m.now.chipId = chipId;
+    const bool ok = store.select(q, [&m](const ChipRow &r) {
+        ++m.times;
+        m.before = r;                // time order: the last one stays
+        return true;
+    }, &error);
+    if (ok)
+        *out = m;
+    return ok;
+}
+
+} // namespace
+
 ChipWriter::ChipWriter(const Options &options) : m_opt(options)
 {
     if (m_opt.pendingPath.isEmpty())
@@ -110,6 +135,15 @@ void ChipWriter::append(const ChipRow &row)
         AppendPendingRows(m_opt.pendingPath, {row});
         std::lock_guard lock(m_mutex);
         m_queue.push_back(row);
+    }
+    m_cv.notify_one();
+}
+
+void ChipWriter::lookup(const QString &chipId)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_lookups << chipId;
     }
     m_cv.notify_one();
 }
@@ -173,19 +207,36 @@ void ChipWriter::run()
     for (;;) {
         bool stopping = false;
         QList<ChipRow> fresh;
+        QStringList asked;
         {
             std::unique_lock lock(m_mutex);
             if (work.isEmpty())
-                m_cv.wait(lock, [&] { return !m_queue.empty() || m_stopping; });
+                m_cv.wait(lock, [&] { return !m_queue.empty() || !m_lookups.isEmpty() || m_stopping; });
             else if (m_faulty)
-                m_cv.wait_for(lock, std::chrono::milliseconds(m_opt.retryMs), [&] { return m_stopping || m_wake; });
+                m_cv.wait_for(lock, std::chrono::milliseconds(m_opt.retryMs),
+                              [&] { return m_stopping || m_wake || !m_lookups.isEmpty(); });
             m_wake = false;
             stopping = m_stopping;
             fresh = QList<ChipRow>(m_queue.begin(), m_queue.end());
             m_queue.clear();
             m_inWork = int(work.size() + fresh.size());
+            asked = std::exchange(m_lookups, {});
         }
         work += fresh;
+        // Questions first: they are asked while a chip burns, and its row
+        // waits to show the answer. A store that can't answer says nothing.
+        if (!asked.isEmpty()) {
+            QList<ChipMet> known;
+            for (const QString &id : asked) {
+                ChipMet m;
+                m.now.chipId = id;
+                // No store yet: nothing met before, and no file made for asking.
+                if ((!store.isOpen() && !QFile::exists(m_opt.storePath)) || lookUpChip(store, id, &m))
+                    known << m;
+            }
+            std::lock_guard lock(m_mutex);
+            m_events.known += known;
+        }
         if (work.isEmpty()) {
             if (stopping)
                 break;
