@@ -43,6 +43,8 @@ private slots:
     void chipsTargetAcrossPorts();
     void chipPutBackIsFlagged();
     void chipInStoreIsFlagged();
+    void everyRequestAskedAgain_data();
+    void everyRequestAskedAgain();
 };
 
 // Three boards burned at once with AutoLoad, one of them dropping and
@@ -67,8 +69,7 @@ void TstStation::threeBoardsOneFaulty()
     int n = 0;
     t.everyTick = [&] {
         // Now and then a reply of the faulty board to a write is lost or
-        // spoiled. (A lost close can't be repeated on this board: its page is
-        // shut, and the chip ends given up, as the retry test shows.)
+        // spoiled (every other request: everyRequestAskedAgain).
         if (++n % 7 == 0 && bad.faults.isEmpty())
             simArmFault(bad, n % 14 == 0 ? SimFault::DropReply : SimFault::CorruptCrc, 1, 0x07);
     };
@@ -422,6 +423,54 @@ void TstStation::chipInStoreIsFlagged()
     QVERIFY(t.runUntil([&] { return !StationRunning(s); }));
     QCOMPARE(s.good, 2);
     w.stop();
+}
+
+// A reply lost or spoiled now and then, on any request of the burn (a
+// close of a page already shut included): the request goes again, the board
+// answers it as done, and every chip passes.
+void TstStation::everyRequestAskedAgain_data()
+{
+    QTest::addColumn<int>("fault");
+    QTest::addColumn<int>("fn");
+    QTest::addColumn<bool>("fast");
+    for (int fn : {0x03, 0x05, 0x07, 0x09, 0xF1})
+        for (int f : {int(SimFault::DropReply), int(SimFault::CorruptCrc)})
+            for (bool fast : {false, true})
+                QTest::newRow(qPrintable(QString("%1 on 0x%2, %3").arg(simFaultName(SimFault(f))).arg(fn, 2, 16, QChar('0'))
+                                             .arg(fast ? "fast" : "normal"))) << f << fn << fast;
+}
+
+void TstStation::everyRequestAskedAgain()
+{
+    QFETCH(int, fault);
+    QFETCH(int, fn);
+    QFETCH(bool, fast);
+    StationBench t;
+    SimOptions o;
+    o.swapAfterBurn = true;
+    SimBoard &b = t.board("COM1", 1, o);
+    QVERIFY(t.add("COM1"));
+    Station &s = t.station;
+    s.fastLine = fast;
+    s.autoLoad = true;
+    s.chipsTarget = 4;
+    int armedAt = -1;
+    t.everyTick = [&] {
+        const int heard = b.requests[size_t(fn)];
+        if (heard % 3 == 0 && heard != armedAt && b.faults.isEmpty()) {
+            armedAt = heard;
+            simArmFault(b, SimFault(fault), 1, fn);
+        }
+    };
+    QVERIFY(StationLoadFile(s, t.image(3000), nullptr));
+    QVERIFY(StationStart(s));
+    t.runUntil([&] { return !StationRunning(s) || s.failed > 0; }, 20000);
+    QVERIFY2(s.failed == 0, qPrintable(t.row(0).reason));
+    QCOMPARE(s.good, 4);
+    QVERIFY(b.requests[size_t(fn)] > 4 * (fn == 0x07 ? 3 : 1));
+    QCOMPARE(b.finished.size(), 4);
+    for (const SimFinishedImage &f : b.finished)
+        QCOMPARE(f.flash.left(int(f.bytesDone)), t.stamped());
 }
 
 QTEST_GUILESS_MAIN(TstStation)
