@@ -67,10 +67,10 @@ bool AppendPendingRows(const QString &path, const QList<ChipRow> &rows)
 namespace {
 
 // The chip's burns that ended done, as the store holds them now.
-bool lookUpChip(ChipStore &store, const QString &chipId, ChipMet *out)
+bool lookUpChip(ChipStore &store, const QString &chipId, ChipMet *out, QString *notice)
 {
     QString error;
-    if (!store.isOpen() && !store.open(&error))
+    if (!store.isOpen() && !store.open(&error, notice))
         return false;
     ChipQuery q;
     q.chipId = chipId;
@@ -227,14 +227,17 @@ void ChipWriter::run()
         // waits to show the answer. A store that can't answer says nothing.
         if (!asked.isEmpty()) {
             QList<ChipMet> known;
+            QString notice;
             for (const QString &id : asked) {
                 ChipMet m;
                 m.now.chipId = id;
                 // No store yet: nothing met before, and no file made for asking.
-                if ((!store.isOpen() && !QFile::exists(m_opt.storePath)) || lookUpChip(store, id, &m))
+                if ((!store.isOpen() && !QFile::exists(m_opt.storePath)) || lookUpChip(store, id, &m, &notice))
                     known << m;
             }
             std::lock_guard lock(m_mutex);
+            if (!notice.isEmpty())
+                m_events.messages << notice;
             m_events.known += known;
         }
         if (work.isEmpty()) {
