@@ -398,43 +398,36 @@ bool PgChipStore::select(const ChipQuery &query, const std::function<bool(const 
             *error = QStringLiteral("the line's chip store %1 is not open").arg(m_cfg.url());
         return false;
     }
-    const Where w = whereOf(query);
-    QSqlDatabase db = QSqlDatabase::database(m_conn, false);
-    // A million rows go through a cursor a few thousand at a time, never all
-    // in this program's memory at once.
-    if (!db.transaction()) {
-        const QString e = failure(QStringLiteral("reading chips"), db.lastError());
-        if (error)
-            *error = e;
-        return false;
-    }
-    QSqlQuery q(db);
-    q.setForwardOnly(true);
-    bool ok = run(q, QStringLiteral("DECLARE pyro_rows NO SCROLL CURSOR FOR SELECT %1 FROM chips WHERE %2 ORDER BY t_utc, id")
-                         .arg(QLatin1String(kColumns), w.sql), w.binds);
-    bool more = ok;
-    while (ok && more) {
-        if (!(ok = q.exec(QStringLiteral("FETCH 2000 FROM pyro_rows"))))
-            break;
+    // A million rows come a few thousand at a time, each part after the last
+    // row of the one before, never all in this program's memory at once.
+    constexpr int kPart = 2000;
+    std::optional<std::pair<qint64, qint64>> after;
+    for (;;) {
+        Where w = whereOf(query);
+        if (after) {
+            w.sql += QStringLiteral(" AND (t_utc, id) > (?, ?)");
+            w.binds << after->first << after->second;
+        }
+        w.binds << kPart;
+        QSqlQuery q(QSqlDatabase::database(m_conn, false));
+        if (!run(q, QStringLiteral("SELECT %1 FROM chips WHERE %2 ORDER BY t_utc, id LIMIT ?").arg(QLatin1String(kColumns), w.sql),
+                 w.binds)) {
+            const QString e = failure(QStringLiteral("reading chips"), q.lastError());
+            if (error)
+                *error = e;
+            return false;
+        }
         int n = 0;
         while (q.next()) {
+            const ChipRow r = rowOf(q);
             ++n;
-            if (!each(rowOf(q))) {
-                more = false;
-                break;
-            }
+            if (!each(r))
+                return true;
+            after = std::make_pair(r.utcMs, r.id);
         }
-        more = more && n == 2000;
+        if (n < kPart)
+            return true;
     }
-    if (!ok) {
-        const QString e = failure(QStringLiteral("reading chips"), q.lastError());
-        if (error)
-            *error = e;
-        return false;
-    }
-    q.finish();
-    db.rollback();
-    return true;
 }
 
 QList<ChipRow> PgChipStore::page(const ChipQuery &query, std::optional<std::pair<qint64, qint64>> olderThan, int limit,
