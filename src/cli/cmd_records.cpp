@@ -139,6 +139,12 @@ int recordsCopy(const QStringList &args)
         cmd.err << "pyrolink-cli records copy: " << error << Qt::endl;
         return kExitFailed;
     }
+    // The owner's first run on a PC without chips makes the tables only.
+    if (!QFile::exists(storeOption(cmd))) {
+        cmd.out << "no chip store at " << QDir::toNativeSeparators(storeOption(cmd)) << ": nothing to copy; "
+                << line.url() << " is ready" << Qt::endl;
+        return kExitOk;
+    }
     SqliteChipStore::Options so;
     so.create = false;
     SqliteChipStore from(storeOption(cmd), so);
