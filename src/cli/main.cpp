@@ -44,8 +44,14 @@ int main(int argc, char **argv)
     const int code = top.parse(app.arguments().mid(1), &done);
     if (done)
         return code;
-    if (top.parser.isSet(QStringLiteral("records")))
+    if (top.parser.isSet(QStringLiteral("records"))) {
+        // A script's address that doesn't parse is its mistake: refused, not passed over.
+        pyro::LineStoreConfig line;
+        QString why;
+        if (!pyro::ParseRecordsUrl(top.parser.value(QStringLiteral("records")), &line, &why))
+            return top.usageError(QStringLiteral("--records: %1").arg(why));
         CliSetRecordsUrl(top.parser.value(QStringLiteral("records")));
+    }
     QStringList rest = top.parser.positionalArguments();
     if (rest.isEmpty())
         return top.usageError(QStringLiteral("no command given"));

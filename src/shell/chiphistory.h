@@ -4,6 +4,7 @@
 #include "chipmodel.h"
 #include "chipwriter.h"
 #include "recordsconfig.h"
+#include "sqlitestore.h"
 
 #include <QTimer>
 #include <QWidget>

@@ -439,6 +439,8 @@ void TstPgStore::cliCopyAndQueries()
     QCOMPARE(QJsonDocument::fromJson(out.toUtf8()).object().value("chips").toInt(), 30);
     std::tie(code, out, err) = cli({"records", "copy", "--to", "postgresql://db1/x?timeout=1", "--store", store});
     QVERIFY2(code == 2 && err.contains("unknown parameter 'timeout'"), qPrintable(err));
+    std::tie(code, out, err) = cli({"--records", "postgresql://bench:pw@db1/line", "records"});
+    QVERIFY2(code == 2 && err.contains("--records: 'postgresql://bench:pw@db1/line': a password is never given here"), qPrintable(err));
     std::tie(code, out, err) = cli({"--records", pg.config("nothere").url(), "records"});
     QVERIFY2(code == 1 && err.contains("database \"nothere\" does not exist") && err.contains("postgresql://"), qPrintable(err));
 }
