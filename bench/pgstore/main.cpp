@@ -68,9 +68,13 @@ int station(int n, const QString &url, int chips, int perSecond, const QString &
             while (clock.nsecsElapsed() / 1000 < due)
                 QThread::usleep(200);
         }
+        // Its end is now, and it is a chip of its own: no row of an earlier
+        // run is the same burn (the key would leave it out).
         ChipRow r = chip(i, chips);
         r.station = QStringLiteral("STATION-%1").arg(n);
         r.utcMs = QDateTime::currentMSecsSinceEpoch();
+        r.local = QDateTime::fromMSecsSinceEpoch(r.utcMs).toString(QStringLiteral("yyyy-MM-dd HH:mm:ss"));
+        r.chipId = QStringLiteral("%1%2").arg(n, 8, 16, QLatin1Char('0')).arg(r.utcMs * 1000 + i % 1000, 16, 16, QLatin1Char('0')).toUpper();
         r.key = ChipRowKey(r);
         QElapsedTimer t;
         t.start();
@@ -117,7 +121,7 @@ void eightStations(PgServer &pg, const QString &url, int chips, int perSecond)
     QList<qint64> latency;
     qint64 firstSeen = -1, lastSeen = 0;
     const qint64 expected = qint64(chips) * 8;
-    while (latency.size() < expected && wall.elapsed() < 600000) {
+    while (latency.size() < expected && wall.elapsed() - lastSeen < 60000) {
         const QList<ChipRow> fresh = watch.newerThan({}, lastId, &error);
         const qint64 now = QDateTime::currentMSecsSinceEpoch();
         for (const ChipRow &r : fresh) {
