@@ -1,6 +1,8 @@
 #include "chiphistory.h"
 #include "burn.h"
+#include "pgstore.h"
 #include "prompter.h"
+#include "sqlitestore.h"
 
 #include <QComboBox>
 #include <QCoreApplication>
@@ -78,15 +80,17 @@ void HourChart::paintEvent(QPaintEvent *)
 
 // --- the writer's side in the window ---------------------------------------------------
 
-ChipRecords::ChipRecords(Burn &burn, const QString &recordFolder, QWidget *parent)
-    : QObject(parent), m_storePath(ChipStorePath(recordFolder))
+ChipRecords::ChipRecords(Burn &burn, const QString &recordFolder, QWidget *parent, const QString &appDir)
+    : QObject(parent), m_choice(ChooseRecords(recordFolder, appDir))
 {
     noticeParent = parent;
+    if (!m_choice.notice.isEmpty())
+        QTimer::singleShot(0, this, [this] { notify(m_choice.notice); emit news(); });
     const QString station = DefaultStation();
     burn.chipLog.toStore = [this, station](const ChipRecord &r) {
         // The first chip starts the writer: a run that burns nothing leaves no store.
         if (!m_writer) {
-            m_writer = std::make_unique<ChipWriter>(ChipWriter::Options(m_storePath));
+            m_writer = std::make_unique<ChipWriter>(ChipWriterOptions(m_choice));
             m_writer->start();
             m_poll.start();
         }
@@ -109,26 +113,41 @@ void ChipRecords::poll()
     const ChipWriter::Events e = m_writer->take();
     if (e.messages.isEmpty() && e.met.isEmpty() && e.stored == 0)
         return;
-    messages += e.messages;
     met += e.met;
-    for (const QString &m : e.messages) {
-        if (!boxes || !noticeParent)
-            continue;
-        // Not modal: the line goes on while the box waits for the operator.
-        auto *box = new QMessageBox(QMessageBox::Warning, tr("Chip store"), m, QMessageBox::Ok, noticeParent);
-        box->setAttribute(Qt::WA_DeleteOnClose);
-        box->setModal(false);
-        box->show();
-    }
+    for (const QString &m : e.messages)
+        notify(m);
     emit news();
+}
+
+void ChipRecords::notify(const QString &m)
+{
+    messages << m;
+    if (!boxes || !noticeParent)
+        return;
+    // Not modal: the line goes on while the box waits for the operator.
+    auto *box = new QMessageBox(QMessageBox::Warning, tr("Chip store"), m, QMessageBox::Ok, noticeParent);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setModal(false);
+    box->show();
+}
+
+bool ChipRecords::lineDown() const
+{
+    return m_writer && m_writer->lineFaulty();
 }
 
 // --- the window --------------------------------------------------------------------------
 
 ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, QWidget *parent)
-    : QWidget(parent, Qt::Window), m_records(records), m_prompter(prompter),
-      m_store(records.storePath(), SqliteChipStore::Options{false, false, 250})
+    : QWidget(parent, Qt::Window), m_records(records), m_prompter(prompter)
 {
+    if (records.choice().line.isSet()) {
+        PgChipStore::Options po;
+        po.create = false;
+        m_store = std::make_unique<PgChipStore>(records.choice().line, po);
+    } else {
+        m_store = std::make_unique<SqliteChipStore>(records.storePath(), SqliteChipStore::Options{false, false, 250});
+    }
     setObjectName(QStringLiteral("ChipHistory"));
     setWindowTitle(tr("Chip history"));
     resize(1000, 640);
@@ -161,7 +180,7 @@ ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, Q
     layout->addLayout(filters);
 
     m_model = new ChipTableModel(this);
-    m_model->setStore(&m_store);
+    m_model->setStore(m_store.get());
     m_table = new QTableView(this);
     m_table->setModel(m_model);
     m_table->setSelectionBehavior(QAbstractItemView::SelectRows);
@@ -205,11 +224,15 @@ ChipHistoryWindow::~ChipHistoryWindow() = default;
 
 bool ChipHistoryWindow::ensureOpen()
 {
-    if (m_store.isOpen())
+    if (m_store->isOpen())
         return true;
     QString error;
-    if (m_store.open(&error))
+    if (m_store->open(&error))
         return true;
+    // A server that can't be reached costs its connect time on this thread:
+    // the window tries it again after a while, or when asked (a filter typed).
+    if (m_records.choice().line.isSet())
+        m_nextOpen = QDateTime::currentMSecsSinceEpoch() + 15000;
     m_summary->setText(tr("No chips to show: %1").arg(error));
     return false;
 }
@@ -255,11 +278,11 @@ void ChipHistoryWindow::applyFilter()
 
 void ChipHistoryWindow::refreshSummary()
 {
-    if (!m_store.isOpen())
+    if (!m_store->isOpen())
         return;
     ChipSummary s;
     QString error;
-    if (!m_store.summary(m_model->query(), &s, &error)) {
+    if (!m_store->summary(m_model->query(), &s, &error)) {
         m_summary->setText(error);
         return;
     }
@@ -269,14 +292,16 @@ void ChipHistoryWindow::refreshSummary()
                            .arg(s.chipsAnHour(), 0, 'f', 1)
                            .arg(double(s.medianDurationMs) / 1000.0, 0, 'f', 3)
                            .arg(s.retries));
-    m_chart->setHours(m_store.hourly(m_model->query(), &error));
+    m_chart->setHours(m_store->hourly(m_model->query(), &error));
 }
 
 void ChipHistoryWindow::follow()
 {
     if (!isVisible())
         return;
-    if (!m_store.isOpen()) {
+    if (!m_store->isOpen()) {
+        if (m_records.lineDown() || QDateTime::currentMSecsSinceEpoch() < m_nextOpen)
+            return;
         if (ensureOpen())
             applyFilter();
         return;
@@ -304,7 +329,7 @@ bool ChipHistoryWindow::exportCsv(const QString &path)
     bool ok = f.open(QIODevice::WriteOnly);
     if (ok) {
         f.write((CsvJoin(ChipRowHeader()) + QStringLiteral("\r\n")).toUtf8());
-        ok = m_store.select(m_model->query(), [&](const ChipRow &r) {
+        ok = m_store->select(m_model->query(), [&](const ChipRow &r) {
             return f.write((CsvJoin(ChipRowFields(r)) + QStringLiteral("\r\n")).toUtf8()) > 0;
         }, &error);
         ok = ok && f.commit();
