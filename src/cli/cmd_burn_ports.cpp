@@ -101,6 +101,22 @@ int cliBurnPorts(const QStringList &ports, const BurnPortsOptions &o, const pyro
     st.toStore = [&](const ChipRecord &r) {
         writer.append(ChipRowFromRecord(r, station, QCoreApplication::applicationVersion()));
     };
+    // Every chip is looked up as it begins; the answer is printed when it comes.
+    st.askStore = [&](const ChipIdent &id) { writer.lookup(ChipIdText(id)); };
+    QStringList storeMessages;   // told at the end, with the store's state
+    auto storeNews = [&] {
+        ChipWriter::Events e = writer.take();
+        storeMessages += e.messages;
+        for (const ChipMet &m : e.known) {
+            const QString before = ChipKnownText(m);
+            if (before.isEmpty())
+                continue;
+            StationStoreKnows(st, m.now.chipId, before);
+            for (const auto &p : st.ports)
+                if (p->chipKnown && ChipIdText(p->chipId) == m.now.chipId)
+                    err << p->name << ": chip " << m.now.chipId << " met before: " << before << Qt::endl;
+        }
+    };
 
     int failedChips = 0;
     st.onChip = [&](StationPort &p, const ChipRecord &r) {
@@ -216,6 +232,7 @@ int cliBurnPorts(const QStringList &ports, const BurnPortsOptions &o, const pyro
     bool interrupted = false, timedOut = false;
     QObject::connect(&tick, &QTimer::timeout, &loop, [&] {
         StationTick(st);
+        storeNews();
         checkRows();
         draw();
         if (CliInterrupted()) {
@@ -267,7 +284,8 @@ int cliBurnPorts(const QStringList &ports, const BurnPortsOptions &o, const pyro
         worst = std::max(worst, w.code);
 
     writer.stop();
-    for (const QString &m : writer.take().messages)
+    storeMessages += writer.take().messages;
+    for (const QString &m : storeMessages)
         err << m << Qt::endl;
     if (const int left = writer.pending())
         err << left << " chip(s) wait for the chip store in "

@@ -227,6 +227,15 @@ QString ChipMetText(const ChipMet &m)
              m.before.order.isEmpty() ? QStringLiteral("none") : m.before.order);
 }
 
+QString ChipKnownText(const ChipMet &m)
+{
+    if (m.times <= 0)
+        return {};
+    return QStringLiteral("in the chip store: burned %1 time(s), last on %2 at %3 port %4")
+        .arg(m.times)
+        .arg(m.before.local, m.before.station, m.before.port);
+}
+
 bool IsChipIdText(const QString &text)
 {
     return isHex(text.toUpper(), 24, true);

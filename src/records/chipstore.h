@@ -108,6 +108,9 @@ QString ChipSummaryJson(const ChipSummary &s);
 QStringList ChipSummaryLines(const ChipSummary &s);
 // "chip 0A1B...: burned before, 2 times, last on 2026-11-20 14:02:11 at BENCH-3 port COM4 with fw.BIN"
 QString ChipMetText(const ChipMet &m);
+// A lookup's answer for the chip's row: "in the chip store: burned 2 time(s),
+// last on 2026-11-20 14:02:11 at BENCH-3 port COM4"; empty when never burned.
+QString ChipKnownText(const ChipMet &m);
 
 // Chip CSV files (the burn's daily records) back into rows. Lines that are
 // not chip records are refused one by one with their number and the reason.

@@ -65,6 +65,31 @@ bool AppendPendingRows(const QString &path, const QList<ChipRow> &rows)
     return f.write(text) == text.size() && f.flush();
 }
 
+namespace {
+
+// The chip's burns that ended done, as the store holds them now.
+bool lookUpChip(ChipStore &store, const QString &chipId, ChipMet *out, QString *notice)
+{
+    QString error;
+    if (!store.isOpen() && !store.open(&error, notice))
+        return false;
+    ChipQuery q;
+    q.chipId = chipId;
+    q.result = QStringLiteral("done");
+    ChipMet m;
+    m.now.chipId = chipId;
+    const bool ok = store.select(q, [&m](const ChipRow &r) {
+        ++m.times;
+        m.before = r;                // time order: the last one stays
+        return true;
+    }, &error);
+    if (ok)
+        *out = m;
+    return ok;
+}
+
+} // namespace
+
 ChipWriter::Options ChipWriterOptions(const RecordsChoice &choice)
 {
     ChipWriter::Options o(choice.storePath);
@@ -118,6 +143,15 @@ void ChipWriter::append(const ChipRow &row)
         AppendPendingRows(m_opt.pendingPath, {row});
         std::lock_guard lock(m_mutex);
         m_queue.push_back(row);
+    }
+    m_cv.notify_one();
+}
+
+void ChipWriter::lookup(const QString &chipId)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_lookups << chipId;
     }
     m_cv.notify_one();
 }
@@ -219,9 +253,10 @@ void ChipWriter::run()
     for (;;) {
         bool stopping = false, wake = false;
         QList<ChipRow> fresh;
+        QStringList asked;
         {
             std::unique_lock lock(m_mutex);
-            const auto ready = [&] { return !m_queue.empty() || m_stopping || m_wake; };
+            const auto ready = [&] { return !m_queue.empty() || m_stopping || m_wake || !m_lookups.isEmpty(); };
             const bool localWaits = !localWork.isEmpty() && localShown;
             const bool lineWaits = !lineWork.isEmpty() && lineShown;
             if (localWork.isEmpty() && lineWork.isEmpty()) {
@@ -241,6 +276,27 @@ void ChipWriter::run()
             fresh = QList<ChipRow>(m_queue.begin(), m_queue.end());
             m_queue.clear();
             m_inWork = int(std::max(localWork.size(), lineWork.size()) + fresh.size());
+            asked = std::exchange(m_lookups, {});
+        }
+        // Questions first: they are asked while a chip burns, and its row
+        // waits to show the answer. The line's store knows the whole line;
+        // the bench's own answers when the line's can't. A store that can't
+        // answer says nothing.
+        if (!asked.isEmpty()) {
+            QList<ChipMet> known;
+            QString notice;
+            for (const QString &id : asked) {
+                ChipMet m;
+                m.now.chipId = id;
+                if ((line && lookUpChip(*line, id, &m, nullptr))
+                    // No store yet: nothing met before, and no file made for asking.
+                    || (!local.isOpen() && !QFile::exists(m_opt.storePath)) || lookUpChip(local, id, &m, &notice))
+                    known << m;
+            }
+            std::lock_guard lock(m_mutex);
+            if (!notice.isEmpty())
+                m_events.messages << notice;
+            m_events.known += known;
         }
         localWork += fresh;
         if (line)

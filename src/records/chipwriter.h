@@ -39,11 +39,17 @@ public:
     // The line's call, never a wait on the store: the row's line goes into
     // the pending file (a small append, as the CSV line is) and into the queue.
     void append(const ChipRow &row);
+    // Asks, never waiting, what the store knows of a chip (24 hex digits):
+    // the answer comes later in Events::known.
+    void lookup(const QString &chipId);
     // What happened since the last call, for the owner to show.
     struct Events {
         QStringList messages;    // a fault (once until it clears), its end, a file set aside
         QList<ChipMet> met;      // chips burned before
         qint64 stored = 0;       // rows newly stored
+        // Answers to lookup(): now.chipId is the chip asked about, times its
+        // burns that ended done, before the last of them (times 0: none).
+        QList<ChipMet> known;
     };
     Events take();
     // Rows handed over and not stored yet.
@@ -69,6 +75,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_cv;
     std::deque<ChipRow> m_queue;
+    QStringList m_lookups;
     QList<ChipRow> m_initial;    // from the pending file at start
     Events m_events;
     int m_inWork = 0;

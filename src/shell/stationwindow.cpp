@@ -68,6 +68,20 @@ StationWindow::StationWindow(Prompter *prompter, QWidget *parent)
         }
         m_writer->append(ChipRowFromRecord(r, DefaultStation(), QCoreApplication::applicationVersion()));
     };
+    // Every chip is looked up in the store as it begins; the answer lands on
+    // its row through tick(). No store yet: nothing to ask.
+    station.askStore = [this](const ChipIdent &id) {
+        if (station.recordFolder.isEmpty())
+            return;
+        const QString path = ChipStorePath(station.recordFolder);
+        if (!m_writer) {
+            if (!QFileInfo::exists(path))
+                return;
+            m_writer = std::make_unique<ChipWriter>(ChipWriter::Options(path));
+            m_writer->start();
+        }
+        m_writer->lookup(ChipIdText(id));
+    };
     station.appDir = QCoreApplication::applicationDirPath();
 
     auto *top = new QVBoxLayout(this);
@@ -234,6 +248,8 @@ void StationWindow::tick()
             say(m);
         for (const ChipMet &m : e.met)
             say(ChipMetText(m));
+        for (const ChipMet &m : e.known)
+            StationStoreKnows(station, m.now.chipId, ChipKnownText(m));
     }
     refresh();
 }
@@ -243,6 +259,7 @@ void StationWindow::rebuildRows()
     for (Row &r : m_rows)
         delete r.frame;
     m_rows.clear();
+    m_shown.clear();
     m_lastVerdict.assign(station.ports.size(), Verdict::None);
     QWidget *inner = m_rowsLayout->parentWidget();
     for (size_t i = 0; i < station.ports.size(); ++i) {
@@ -312,39 +329,71 @@ void StationWindow::refresh()
 {
     if (m_rows.size() != station.ports.size())
         rebuildRows();
+    m_shown.resize(m_rows.size());
     const bool running = StationRunning(station);
     for (size_t i = 0; i < m_rows.size(); ++i) {
         const StationPort &p = *station.ports[i];
         const Row &r = m_rows[i];
-        setText(r.port, p.name);
-        const QColor lamp = QColor::fromRgb(StationLamp(p));
-        setColours(r.lamp, lamp, lamp);
-        setText(r.state, p.state);
-        if (r.bar->value() != p.percent)
-            r.bar->setValue(p.percent);
-        setText(r.chip, p.chipKnown ? ChipIdText(p.chipId) : QString());
-        setText(r.counters, QStringLiteral("good %1   failed %2   total %3").arg(p.good).arg(p.failed).arg(p.good + p.failed));
+        Shown now;
+        now.valid = true;
+        now.state = p.state;
+        now.percent = p.percent;
+        if (p.chipKnown)
+            now.chip = ChipIdText(p.chipId);
+        now.good = p.good;
+        now.failed = p.failed;
+        now.verdict = p.verdict;
+        now.active = p.running && p.burn.chipLog.active;
+        now.running = p.running;
+        now.stationRunning = running;
+        now.reason = p.reason;
+        now.warning = p.warning;
+        now.lamp = StationLamp(p);
+        Shown &was = m_shown[i];
+        if (now == was)
+            continue;
+        // Only what changed is set: each set text lays its row out again.
+        if (!was.valid)
+            setText(r.port, p.name);
+        if (now.lamp != was.lamp || !was.valid) {
+            const QColor lamp = QColor::fromRgb(now.lamp);
+            setColours(r.lamp, lamp, lamp);
+        }
+        if (now.state != was.state)
+            setText(r.state, now.state);
+        if (now.percent != was.percent)
+            r.bar->setValue(now.percent);
+        if (now.chip != was.chip)
+            setText(r.chip, now.chip);
+        if (now.good != was.good || now.failed != was.failed)
+            setText(r.counters, QStringLiteral("good %1   failed %2   total %3").arg(p.good).arg(p.failed).arg(p.good + p.failed));
         switch (p.verdict) {
         case Verdict::Pass:
             setText(r.verdict, QStringLiteral("PASS"));
-            setColours(r.verdict, QColor(0, 150, 40), Qt::white);
+            if (was.verdict != now.verdict || !was.valid)
+                setColours(r.verdict, QColor(0, 150, 40), Qt::white);
             break;
         case Verdict::Fail:
             setText(r.verdict, QStringLiteral("FAIL"));
-            setColours(r.verdict, QColor(210, 0, 0), Qt::white);
+            if (was.verdict != now.verdict || !was.valid)
+                setColours(r.verdict, QColor(210, 0, 0), Qt::white);
             break;
         case Verdict::None:
-            setText(r.verdict, p.running && p.burn.chipLog.active ? QStringLiteral("%1%").arg(p.percent) : QStringLiteral("—"));
-            setColours(r.verdict, QColor(225, 228, 235), QColor(60, 60, 70));
+            setText(r.verdict, now.active ? QStringLiteral("%1%").arg(p.percent) : QStringLiteral("—"));
+            if (was.verdict != now.verdict || !was.valid)
+                setColours(r.verdict, QColor(225, 228, 235), QColor(60, 60, 70));
             break;
         }
         // The verdict is the last chip's; while the next one burns, the words say so.
-        const QString last = p.running && p.burn.chipLog.active ? QStringLiteral("last chip: ") : QString();
+        const QString last = now.active ? QStringLiteral("last chip: ") : QString();
         setText(r.reason, p.verdict == Verdict::Fail ? last + p.reason
                           : p.verdict == Verdict::Pass && !last.isEmpty() ? last + QStringLiteral("PASS") : QString());
-        setText(r.warning, p.warning);
-        r.stop->setEnabled(p.running);
-        r.remove->setEnabled(!running);
+        if (now.warning != was.warning)
+            setText(r.warning, now.warning);
+        if (now.running != was.running || !was.valid)
+            r.stop->setEnabled(p.running);
+        if (now.stationRunning != was.stationRunning || !was.valid)
+            r.remove->setEnabled(!running);
         // A sound once per verdict, if asked for.
         if (i < m_lastVerdict.size() && p.verdict != m_lastVerdict[i]) {
             if (sound && p.verdict != Verdict::None) {
@@ -354,30 +403,35 @@ void StationWindow::refresh()
             }
             m_lastVerdict[i] = p.verdict;
         }
+        was = now;
     }
     // The recent list: the current image first.
-    QStringList items = station.recent;
-    QStringList shown;
-    for (int i = 0; i < m_recent->count(); ++i)
-        shown << m_recent->itemText(i);
-    if (shown != items) {
+    if (m_recentShown != station.recent) {
         m_recent->clear();
-        m_recent->addItems(items);
+        m_recent->addItems(station.recent);
+        m_recentShown = station.recent;
     }
     if (!station.binPath.isEmpty() && m_recent->currentText() != station.binPath)
         m_recent->setCurrentText(station.binPath);
-    m_load->setEnabled(!running);
-    m_recent->setEnabled(!running);
-    m_add->setEnabled(!running);
     bool idleRow = false;
     for (const auto &p : station.ports)
         idleRow = idleRow || !p->running;
     m_start->setEnabled(idleRow && !station.binPath.isEmpty());
-    m_stop->setEnabled(running);
-    for (QWidget *w : std::initializer_list<QWidget *>{m_order, m_frameLen, m_autoLoad, m_keepInF, m_fastLine, m_chips})
-        w->setEnabled(!running);
+    if (m_controlsFor != int(running)) {
+        m_controlsFor = int(running);
+        m_load->setEnabled(!running);
+        m_recent->setEnabled(!running);
+        m_add->setEnabled(!running);
+        m_stop->setEnabled(running);
+        for (QWidget *w : std::initializer_list<QWidget *>{m_order, m_frameLen, m_autoLoad, m_keepInF, m_fastLine, m_chips})
+            w->setEnabled(!running);
+    }
     setText(m_message, station.message);
-    setText(m_totals, QStringLiteral("good %1   failed %2").arg(station.good).arg(station.failed));
+    if (m_totalsGood != station.good || m_totalsFailed != station.failed) {
+        m_totalsGood = station.good;
+        m_totalsFailed = station.failed;
+        setText(m_totals, QStringLiteral("good %1   failed %2").arg(station.good).arg(station.failed));
+    }
 }
 
 void StationWindow::closeEvent(QCloseEvent *e)

@@ -76,8 +76,22 @@ private:
     Prompter *m_prompter;
     QTimer m_tick;
     std::unique_ptr<ChipWriter> m_writer;   // the chip store, from the first chip on
+    // What a row shows, to compare with what it should: a row whose picture
+    // is unchanged costs no widget call on a tick.
+    struct Shown {
+        QString state, chip, reason, warning;
+        QRgb lamp = 0;
+        int percent = -1, good = -1, failed = -1;
+        Verdict verdict = Verdict::None;
+        bool active = false, running = false, stationRunning = false, valid = false;
+        bool operator==(const Shown &o) const = default;
+    };
     std::vector<Row> m_rows;
+    std::vector<Shown> m_shown;
     std::vector<Verdict> m_lastVerdict;
+    QStringList m_recentShown;
+    int m_controlsFor = -1;             // running (1) or not (0) when last enabled
+    int m_totalsGood = -1, m_totalsFailed = -1;
     QVBoxLayout *m_rowsLayout = nullptr;
     QComboBox *m_portBox = nullptr, *m_recent = nullptr, *m_frameLen = nullptr;
     QPushButton *m_add = nullptr, *m_load = nullptr, *m_start = nullptr, *m_stop = nullptr;

@@ -18,7 +18,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <random>
 #include <vector>
 #include <cerrno>
 #include <csignal>
@@ -206,11 +205,22 @@ public:
 
     SimBoard &board() { return m_board; }
 
+    // The page erase timed to the microsecond here, rather than in the
+    // board's whole ticks; overlap: answered at once, erased meanwhile.
+    void setEraseTime(double us, bool overlap)
+    {
+        m_paceErase = true;
+        m_eraseUs = us;
+        m_overlapErase = overlap;
+    }
+
     // Now and then a reply lost or spoiled: percent of the frames heard.
+    // The dice are thrown once a whole frame, not once a piece of the
+    // line: a long frame comes in many pieces.
     void setFlaky(int percent, unsigned seed)
     {
-        m_flakyPercent = percent;
-        m_random.seed(seed);
+        m_board.flakyPercent = percent;
+        m_board.flakySeed = seed;
     }
 
 private:
@@ -239,12 +249,20 @@ private:
     void pump()
     {
         const QByteArray heard = m_in.take(nowUs());
-        if (!heard.isEmpty() && m_flakyPercent > 0 && m_board.faults.isEmpty()
-            && int(m_random() % 100) < m_flakyPercent)
-            simArmFault(m_board, m_random() % 2 ? SimFault::DropReply : SimFault::CorruptCrc, 1);
         if (!heard.isEmpty()) {
+            const int erases = m_board.requests[kFnErasePage];
             simReceive(m_board, heard);
-            m_out.push(std::min(m_in.lastEndUs, nowUs()), simGiveOut(m_board));
+            // The flash is busy for the erase's time from the end of its
+            // request. A blocking loader answers when it is done; an
+            // overlapping one answers at once and takes the next frame into
+            // RAM meanwhile, so only a request that comes sooner waits.
+            const double through = std::min(m_in.lastEndUs, nowUs());
+            double at = std::max(through, m_flashBusyUntilUs);
+            if (m_paceErase && m_board.requests[kFnErasePage] != erases) {
+                m_flashBusyUntilUs = through + m_eraseUs;
+                at = m_overlapErase ? through : m_flashBusyUntilUs;
+            }
+            m_out.push(at, simGiveOut(m_board));
         }
         if (m_master >= 0)
             m_toWrite += m_out.take(nowUs());
@@ -383,8 +401,10 @@ private:
     QByteArray m_toWrite;
     PacedPipe m_in, m_out;
     QString m_linkPath;
-    int m_flakyPercent = 0;
-    std::minstd_rand m_random;
+    bool m_paceErase = false;
+    double m_eraseUs = 0;
+    bool m_overlapErase = false;
+    double m_flashBusyUntilUs = 0;
 };
 
 // The commands on stdin, for one board ("2@silent on") or for all.
@@ -472,7 +492,9 @@ int main(int argc, char **argv)
     p.addOption({QStringLiteral("no-pace"), QStringLiteral("Take requests and give replies at once.")});
     p.addOption({QStringLiteral("mode"), QStringLiteral("Board mode 1 loader, 2 running, 3 stopped."), QStringLiteral("n"), QStringLiteral("2")});
     p.addOption({QStringLiteral("id"), QStringLiteral("Chip identity, 24 hex digits."), QStringLiteral("hex")});
-    p.addOption({QStringLiteral("erase-ticks"), QStringLiteral("Ticks a page erase takes."), QStringLiteral("n")});
+    p.addOption({QStringLiteral("erase-ticks"), QStringLiteral("Ticks a page erase takes, in the board's 15 ms ticks (unpaced line)."), QStringLiteral("n")});
+    p.addOption({QStringLiteral("erase-ms"), QStringLiteral("Milliseconds a page erase keeps the flash busy on a paced line (20)."), QStringLiteral("ms")});
+    p.addOption({QStringLiteral("erase-overlap"), QStringLiteral("Answer a page erase at once and erase while the next frame comes in.")});
     p.addOption({QStringLiteral("swap-after-burn"), QStringLiteral("A new chip after each finished image.")});
     p.addOption({QStringLiteral("settings"), QStringLiteral("Factory settings block from a file."), QStringLiteral("file")});
     p.addOption({QStringLiteral("fault"), QStringLiteral("Arm a fault: [B@]NAME[:count[:function]] (board B, else all)."), QStringLiteral("fault")});
@@ -503,6 +525,19 @@ int main(int argc, char **argv)
         if (!ok || o.eraseTicks < 0)
             return fail(QStringLiteral("bad --erase-ticks"));
     }
+    // On a paced line the erase is timed in microseconds by the host: 20 ms,
+    // the typical page erase of a 1 KiB-page flash of this class (data
+    // sheets give 20 to 40 ms).
+    double eraseMs = 20;
+    if (p.isSet(QStringLiteral("erase-ms"))) {
+        eraseMs = p.value(QStringLiteral("erase-ms")).toDouble(&ok);
+        if (!ok || eraseMs < 0 || eraseMs > 1000)
+            return fail(QStringLiteral("bad --erase-ms"));
+    }
+    const bool eraseOverlap = p.isSet(QStringLiteral("erase-overlap"));
+    const bool paceErase = byteUs > 0 && !p.isSet(QStringLiteral("erase-ticks"));
+    if (paceErase)
+        o.eraseTicks = 0;
     o.swapAfterBurn = p.isSet(QStringLiteral("swap-after-burn"));
     if (p.isSet(QStringLiteral("settings"))) {
         QFile f(p.value(QStringLiteral("settings")));
@@ -539,6 +574,8 @@ int main(int argc, char **argv)
             oi.identity = simDefaultIdentity();
         oi.identity[0] = char(uint8_t(oi.identity[0]) + i);
         hosts.push_back(std::make_unique<SimHost>(oi, p.isSet(QStringLiteral("trace")), byteUs));
+        if (paceErase)
+            hosts.back()->setEraseTime(eraseMs * 1000.0, eraseOverlap);
     }
     // "[B@]NAME[:count[:function]]": board B only, else every board.
     auto boardOf = [&](QString &given, int *only) {

@@ -276,6 +276,14 @@ void handleRequest(SimBoard &b, const QByteArray &req)
         b.heard.removeFirst();
     if (b.onFrame)
         b.onFrame(req, true);
+    if (b.flakyPercent > 0 && b.faults.isEmpty()) {
+        auto roll = [&b] {
+            b.flakySeed = b.flakySeed * 1103515245u + 12345u;   // the dice need no quality
+            return (b.flakySeed >> 16) & 0x7FFF;
+        };
+        if (int(roll() % 100) < b.flakyPercent)
+            simArmFault(b, roll() % 2 ? SimFault::DropReply : SimFault::CorruptCrc, 1, fn);
+    }
     if (!b.present || takeFault(b, SimFault::RemoveChip, fn))
         return;
 

@@ -115,6 +115,10 @@ struct SimBoard {
     double paceCredit = 0;
 
     QList<SimArmedFault> faults;
+    // Now and then a reply lost or spoiled: this percent of the whole frames
+    // heard, thrown once a frame, while no other fault is armed.
+    int flakyPercent = 0;
+    uint32_t flakySeed = 1;                 // the dice's state
     qint64 swapOffAt = -1;                  // pending swap after a burn
     qint64 swapOnAt = -1;
     int chipsMade = 1;                      // for fresh identities

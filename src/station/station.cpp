@@ -119,12 +119,8 @@ void chipBegun(Station &s, StationPort &p)
     if (it != s.seen.cend())
         p.warning = QStringLiteral("chip met before: on %1 at %2, %3")
                         .arg(it->port, it->time, it->verdict == Verdict::Pass ? QStringLiteral("PASS") : QStringLiteral("FAIL"));
-    if (s.seenInStore) {
-        const QString before = s.seenInStore(id);
-        if (!before.isEmpty())
-            p.warning = p.warning.isEmpty() ? QStringLiteral("chip met before: ") + before
-                                            : p.warning + QStringLiteral("; ") + before;
-    }
+    if (s.askStore)
+        s.askStore(id);
 }
 
 void watchExchange(StationPort &p, const ExchangeRecord &r)
@@ -462,6 +458,20 @@ void StationTick(Station &s)
     }
     if (!StationRunning(s) && s.message.startsWith(QLatin1String("running")))
         s.message = QStringLiteral("finished: %1 good, %2 failed").arg(s.good).arg(s.failed);
+}
+
+void StationStoreKnows(Station &s, const QString &chipId, const QString &before)
+{
+    if (before.isEmpty())
+        return;
+    for (auto &p : s.ports) {
+        // The chip in hand, or the last one while no other has begun.
+        if (!p->chipKnown || ChipIdText(p->chipId).compare(chipId, Qt::CaseInsensitive) != 0
+            || p->warning.contains(before))
+            continue;
+        p->warning = p->warning.isEmpty() ? QStringLiteral("chip met before: ") + before
+                                          : p->warning + QStringLiteral("; ") + before;
+    }
 }
 
 bool StationWriteRecord(Station &s)

@@ -96,9 +96,10 @@ struct Station {
     std::function<std::unique_ptr<SerialControl>(const QString &name)> makePort;
     // Ports others hold open (the main window's), refused here.
     std::function<QStringList()> portsInUse;
-    // The chip store, once there is one: a description of where this chip
-    // was met before ("burned 2026-11-20 on COM5, done"), or empty.
-    std::function<QString(const ChipIdent &)> seenInStore;
+    // The chip store, asked about every chip as its identity is read. The
+    // tick never waits for it: the answer comes later, through
+    // StationStoreKnows, typically long before the chip's burn ends.
+    std::function<void(const ChipIdent &)> askStore;
     // Every chip's record, as it is written; the row it came from.
     std::function<void(StationPort &, const ChipRecord &)> onChip;
     // Every chip into the chip store, right after its CSV line; unset, none.
@@ -128,6 +129,11 @@ void StationStop(Station &s);
 
 // One tick of every row, in order. Call every 15 ms.
 void StationTick(Station &s);
+
+// The chip store's answer about a chip (its identity as ChipIdText gives
+// it; where it was burned before, in words, empty for never): shown as a
+// warning on the rows that hold that chip.
+void StationStoreKnows(Station &s, const QString &chipId, const QString &before);
 
 // The day's text record from the station's log, if it holds anything.
 bool StationWriteRecord(Station &s);

@@ -120,6 +120,7 @@ private slots:
     void streamResync_data();
     void streamResync();
     void noiseNeverStalls();
+    void flakyOncePerFrame();
 };
 
 void TstSimBoard::burnLeavesImageInFlash_data()
@@ -369,6 +370,32 @@ void TstSimBoard::noiseNeverStalls()
         QVERIFY2(out.endsWith(pollReply), qPrintable(QStringLiteral("round %1").arg(round)));
         simInit(b, b.opt);   // the noise may have burned or erased things
     }
+}
+
+// A flaky board spoils about its percent of the frames, however the line
+// hands them over: a long frame in many small pieces is one throw.
+void TstSimBoard::flakyOncePerFrame()
+{
+    SimBoard b;
+    b.flakyPercent = 10;
+    b.flakySeed = 7;
+    const QByteArray write = MBBuildFrame(kFnWritePage, writeBody(0, QByteArray(512, '\x5A')));
+    int lost = 0, bad = 0;
+    const int frames = 400;
+    for (int i = 0; i < frames; ++i) {
+        for (int at = 0; at < write.size(); at += 8)
+            simReceive(b, write.mid(at, 8));
+        const QByteArray reply = simGiveOut(b);
+        if (reply.isEmpty())
+            ++lost;
+        else if (!FrameCrcOk(reply))
+            ++bad;
+        else
+            QCOMPARE(reply.size(), 5);
+    }
+    QCOMPARE(b.requests[kFnWritePage], frames);
+    QVERIFY2(lost > 0 && bad > 0 && lost + bad >= frames / 20 && lost + bad <= frames / 5,
+             qPrintable(QString("%1 lost, %2 spoiled").arg(lost).arg(bad)));
 }
 
 QTEST_GUILESS_MAIN(TstSimBoard)

@@ -126,6 +126,7 @@ void TstSimProgram::badOptionsExit_data()
     QTest::newRow("mode") << QStringList{"--mode", "4"};
     QTest::newRow("id") << QStringList{"--id", "0102"};
     QTest::newRow("fault") << QStringList{"--fault", "Explode:2"};
+    QTest::newRow("erase time") << QStringList{"--erase-ms", "-5"};
     QTest::newRow("settings") << QStringList{"--settings", "/nonexistent/block.bin"};
 }
 

@@ -1,5 +1,6 @@
 #include "stationbench.h"
 #include "burn.h"
+#include "chipwriter.h"
 #include "gbk.h"
 #include "portcontrol.h"
 
@@ -41,6 +42,9 @@ private slots:
     void imageRefusedSendsNothing();
     void chipsTargetAcrossPorts();
     void chipPutBackIsFlagged();
+    void chipInStoreIsFlagged();
+    void everyRequestAskedAgain_data();
+    void everyRequestAskedAgain();
 };
 
 // Three boards burned at once with AutoLoad, one of them dropping and
@@ -65,8 +69,7 @@ void TstStation::threeBoardsOneFaulty()
     int n = 0;
     t.everyTick = [&] {
         // Now and then a reply of the faulty board to a write is lost or
-        // spoiled. (A lost close can't be repeated on this board: its page is
-        // shut, and the chip ends given up, as the retry test shows.)
+        // spoiled (every other request: everyRequestAskedAgain).
         if (++n % 7 == 0 && bad.faults.isEmpty())
             simArmFault(bad, n % 14 == 0 ? SimFault::DropReply : SimFault::CorruptCrc, 1, 0x07);
     };
@@ -322,10 +325,7 @@ void TstStation::chipPutBackIsFlagged()
     Station &s = t.station;
     s.autoLoad = true;
     QList<QString> asked;
-    s.seenInStore = [&](const ChipIdent &id) {
-        asked << ChipIdText(id);
-        return ChipIdText(id).endsWith("77") ? QStringLiteral("in the store") : QString();
-    };
+    s.askStore = [&](const ChipIdent &id) { asked << ChipIdText(id); };
     QVERIFY(StationLoadFile(s, t.image(2500), nullptr));
     QVERIFY(StationStart(s));
     QVERIFY(t.runUntil([&] { return t.row(0).good == 1; }));
@@ -339,14 +339,138 @@ void TstStation::chipPutBackIsFlagged()
     QVERIFY(t.runUntil([&] { return t.row(0).state == QLatin1String("burning"); }, 500));
     QVERIFY2(t.row(0).warning.startsWith("chip met before: on COM1 at 09:30:00, PASS"), qPrintable(t.row(0).warning));
     QCOMPARE(t.row(0).percent < 50, true);
-    // A chip the store knows.
+    // The store's answer comes later, on the row that holds the chip.
     QVERIFY(t.runUntil([&] { return t.row(0).good == 2; }));
     simSwapChip(b, QByteArray::fromHex("000000000000000000000077"));
     QVERIFY(t.runUntil([&] { return t.row(0).state == QLatin1String("burning"); }, 500));
-    QCOMPARE(t.row(0).warning, QStringLiteral("chip met before: in the store"));
+    QVERIFY(t.row(0).warning.isEmpty());
     QCOMPARE(asked.size(), 3);
+    QCOMPARE(asked.last(), QStringLiteral("000000000000000000000077"));
+    StationStoreKnows(s, QStringLiteral("000000000000000000000066"), QStringLiteral("in the store"));
+    QVERIFY(t.row(0).warning.isEmpty());
+    StationStoreKnows(s, asked.last(), QStringLiteral("in the store"));
+    QCOMPARE(t.row(0).warning, QStringLiteral("chip met before: in the store"));
     StationStop(s);
     QCOMPARE(t.recordsOf("COM1", "stopped"), 1);
+}
+
+// A chip burned in an earlier run, found in a real chip store: a new run
+// asks the store's writer thread as the chip begins, goes on ticking, and
+// shows the answer on the row while the chip is still being burned.
+void TstStation::chipInStoreIsFlagged()
+{
+    QTemporaryDir storeDir;
+    const QString storePath = ChipStorePath(storeDir.path());
+    const QByteArray id = QByteArray::fromHex("5A5A5A5A0000111122223333");
+    auto wire = [&](Station &s, ChipWriter &w) {
+        s.toStore = [&w](const ChipRecord &r) { w.append(ChipRowFromRecord(r, "BENCH-1", "test")); };
+        s.askStore = [&w](const ChipIdent &c) { w.lookup(ChipIdText(c)); };
+    };
+    {
+        StationBench first;
+        SimBoard &b = first.board("COM1", 1);
+        b.chip.identity = id;
+        QVERIFY(first.add("COM1"));
+        ChipWriter w(storePath);
+        w.start();
+        wire(first.station, w);
+        QVERIFY(StationLoadFile(first.station, first.image(2500), nullptr));
+        QVERIFY(StationStart(first.station));
+        QVERIFY(first.runUntil([&] { return !StationRunning(first.station); }));
+        QCOMPARE(first.row(0).good, 1);
+        w.stop();
+        QCOMPARE(w.pending(), 0);
+        // Never burned before: the answer says nothing, the row shows nothing.
+        const QList<ChipMet> known = w.take().known;
+        QCOMPARE(known.size(), 1);
+        QCOMPARE(known[0].times, 0);
+        QVERIFY(first.row(0).warning.isEmpty());
+    }
+
+    StationBench t;
+    SimBoard &b = t.board("COM2", 2);
+    t.board("COM3", 3);
+    b.chip.identity = id;
+    QVERIFY(t.add("COM2"));
+    QVERIFY(t.add("COM3"));
+    Station &s = t.station;
+    ChipWriter w(storePath);
+    w.start();
+    wire(s, w);
+    QVERIFY(StationLoadFile(s, t.image(20000), nullptr));
+    QVERIFY(StationStart(s));
+    QVERIFY(t.runUntil([&] { return t.row(0).state == QLatin1String("burning"); }, 500));
+    QVERIFY(t.row(0).warning.isEmpty());
+    // The ticks go on, at the pace of the real tick, while the store is
+    // asked; the answer is taken between ticks.
+    QElapsedTimer waited;
+    waited.start();
+    QList<ChipMet> known;
+    while (known.size() < 2 && waited.elapsed() < 10000) {
+        t.tick();
+        known += w.take().known;
+        if (known.size() < 2)
+            QThread::msleep(15);
+    }
+    QCOMPARE(known.size(), 2);
+    for (const ChipMet &m : known)
+        StationStoreKnows(s, m.now.chipId, ChipKnownText(m));
+    QVERIFY(t.row(0).burn.chipLog.active);
+    QVERIFY2(t.row(0).warning.startsWith("chip met before: in the chip store: burned 1 time(s), last on 2026-11-23 "
+                                         "09:30:00 at BENCH-1 port COM1"),
+             qPrintable(t.row(0).warning));
+    QVERIFY(t.row(1).warning.isEmpty());
+    QVERIFY(t.runUntil([&] { return !StationRunning(s); }));
+    QCOMPARE(s.good, 2);
+    w.stop();
+}
+
+// A reply lost or spoiled now and then, on any request of the burn (a
+// close of a page already shut included): the request goes again, the board
+// answers it as done, and every chip passes.
+void TstStation::everyRequestAskedAgain_data()
+{
+    QTest::addColumn<int>("fault");
+    QTest::addColumn<int>("fn");
+    QTest::addColumn<bool>("fast");
+    for (int fn : {0x03, 0x05, 0x07, 0x09, 0xF1})
+        for (int f : {int(SimFault::DropReply), int(SimFault::CorruptCrc)})
+            for (bool fast : {false, true})
+                QTest::newRow(qPrintable(QString("%1 on 0x%2, %3").arg(simFaultName(SimFault(f))).arg(fn, 2, 16, QChar('0'))
+                                             .arg(fast ? "fast" : "normal"))) << f << fn << fast;
+}
+
+void TstStation::everyRequestAskedAgain()
+{
+    QFETCH(int, fault);
+    QFETCH(int, fn);
+    QFETCH(bool, fast);
+    StationBench t;
+    SimOptions o;
+    o.swapAfterBurn = true;
+    SimBoard &b = t.board("COM1", 1, o);
+    QVERIFY(t.add("COM1"));
+    Station &s = t.station;
+    s.fastLine = fast;
+    s.autoLoad = true;
+    s.chipsTarget = 4;
+    int armedAt = -1;
+    t.everyTick = [&] {
+        const int heard = b.requests[size_t(fn)];
+        if (heard % 3 == 0 && heard != armedAt && b.faults.isEmpty()) {
+            armedAt = heard;
+            simArmFault(b, SimFault(fault), 1, fn);
+        }
+    };
+    QVERIFY(StationLoadFile(s, t.image(3000), nullptr));
+    QVERIFY(StationStart(s));
+    t.runUntil([&] { return !StationRunning(s) || s.failed > 0; }, 20000);
+    QVERIFY2(s.failed == 0, qPrintable(t.row(0).reason));
+    QCOMPARE(s.good, 4);
+    QVERIFY(b.requests[size_t(fn)] > 4 * (fn == 0x07 ? 3 : 1));
+    QCOMPARE(b.finished.size(), 4);
+    for (const SimFinishedImage &f : b.finished)
+        QCOMPARE(f.flash.left(int(f.bytesDone)), t.stamped());
 }
 
 QTEST_GUILESS_MAIN(TstStation)
