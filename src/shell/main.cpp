@@ -37,7 +37,7 @@ int main(int argc, char *argv[])
     // Said before the window comes: a folder that can't be had ends the run
     // here, as the window would otherwise read and write nowhere.
     const pyro::AppFolder &folder = pyro::ApplicationFolder();
-    pyro::WidgetPrompter prompter(nullptr);
+    pyro::WidgetPrompter prompter(nullptr, folder.path);
     for (const QString &note : folder.notes)
         std::fprintf(stderr, "pyrolink: %s\n", qPrintable(note));
     if (!folder.error.isEmpty()) {

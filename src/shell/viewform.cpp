@@ -186,7 +186,7 @@ void enableIf(QWidget *w, bool on)
 ViewForm::ViewForm(const Options &options) : m_opt(options)
 {
     if (!m_opt.prompter) {
-        m_ownPrompter = std::make_unique<WidgetPrompter>(this);
+        m_ownPrompter = std::make_unique<WidgetPrompter>(this, m_opt.appDir);
         m_opt.prompter = m_ownPrompter.get();
     }
     if (!m_opt.port) {

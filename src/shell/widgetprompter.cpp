@@ -40,7 +40,8 @@ bool WidgetPrompter::question(const QString &text, const QString &title)
 
 QString WidgetPrompter::openFile(const QString &title, const QString &filter, const QString &startDir)
 {
-    return QFileDialog::getOpenFileName(m_parent, title, startDir, QtFilter(filter));
+    return QFileDialog::getOpenFileName(m_parent, title, startDir.isEmpty() ? m_fallbackDir : startDir,
+                                        QtFilter(filter));
 }
 
 QString WidgetPrompter::saveFile(const QString &title, const QString &filter, const QString &startDir)
