@@ -2,15 +2,15 @@
 
 #include <QDir>
 #include <QFile>
-#include <QSqlDriver>
 #include <QFileInfo>
+#include <QSqlDriver>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QVariant>
 #include <algorithm>
 #include <atomic>
-#include <string>
 #include <sqlite3.h>
+#include <string>
 
 namespace pyro {
 
@@ -130,7 +130,6 @@ bool run(QSqlQuery &q, const QString &sql, const QVariantList &binds, QString *e
 }
 
 std::atomic<int> s_connections{0};
-
 
 } // namespace
 
