@@ -1,5 +1,6 @@
 #include "clisession.h"
 #include "appfolder.h"
+#include "burn.h"
 #include "fileguard.h"
 #include "portcontrol.h"
 
@@ -191,6 +192,26 @@ QString CliAppDir()
         return f.path;
     }();
     return path;
+}
+
+namespace {
+QString s_recordsUrl;
+}
+
+void CliSetRecordsUrl(const QString &url)
+{
+    s_recordsUrl = url;
+}
+
+pyro::RecordsChoice CliRecordsChoice()
+{
+    static const pyro::RecordsChoice choice = [] {
+        pyro::RecordsChoice c = pyro::ChooseRecords(RecordFolder(), s_recordsUrl.isEmpty() ? CliAppDir() : QString(), s_recordsUrl);
+        if (!c.notice.isEmpty())
+            QTextStream(stderr) << "pyrolink-cli: " << c.notice << Qt::endl;
+        return c;
+    }();
+    return choice;
 }
 
 // --- the session -------------------------------------------------------------

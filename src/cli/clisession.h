@@ -1,6 +1,7 @@
 #pragma once
 #include "link.h"
 #include "qtserialcontrol.h"
+#include "recordsconfig.h"
 
 #include <QCommandLineParser>
 #include <QStringList>
@@ -59,6 +60,13 @@ void CliCatchSignals();
 // The application folder the window would use (tables, Config.MPK, COMn
 // links); the first call says on stderr what kept it from being made or seeded.
 QString CliAppDir();
+
+// The chip store's choice for this run: the bench's own store, and the
+// line's server from --records URL (before the command) or records.conf in
+// the application folder. The first call says on stderr why a server named
+// is not used.
+void CliSetRecordsUrl(const QString &url);
+pyro::RecordsChoice CliRecordsChoice();
 
 // One headless run of the engine on a real port: the same Link, ticks and
 // port control as the window, driven by a 15 ms precise timer.

@@ -119,7 +119,7 @@ int cliBurn(const QStringList &args)
     burn.chipLog.folder = RecordFolder();
     // Every chip also goes to the chip store, through its own thread.
     const QString station = cmd.parser.isSet("station") ? cmd.parser.value("station") : DefaultStation();
-    ChipWriter writer(ChipStorePath(RecordFolder()));
+    ChipWriter writer(ChipWriterOptions(CliRecordsChoice()));
     writer.start();
     burn.chipLog.toStore = [&](const ChipRecord &r) {
         writer.append(ChipRowFromRecord(r, station, QCoreApplication::applicationVersion()));

@@ -95,7 +95,7 @@ int cliBurnPorts(const QStringList &ports, const BurnPortsOptions &o, const pyro
     }
 
     // Every chip also goes to the chip store, through its own thread.
-    ChipWriter writer(ChipStorePath(RecordFolder()));
+    ChipWriter writer(ChipWriterOptions(CliRecordsChoice()));
     writer.start();
     const QString station = o.station.isEmpty() ? DefaultStation() : o.station;
     st.toStore = [&](const ChipRecord &r) {

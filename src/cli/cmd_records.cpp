@@ -3,6 +3,7 @@
 #include "chipstore.h"
 #include "clisession.h"
 #include "commands.h"
+#include "pgstore.h"
 #include "sqlitestore.h"
 
 #include <QDir>
@@ -16,6 +17,22 @@ namespace {
 QString storeOption(const CliCommand &cmd)
 {
     return cmd.parser.isSet("store") ? cmd.parser.value("store") : ChipStorePath(RecordFolder());
+}
+
+// The store a command reads or fills: --store FILE, else the line's store
+// when one is chosen, else this bench's own.
+std::unique_ptr<ChipStore> chosenStore(const CliCommand &cmd, bool create, int cacheMb = 64)
+{
+    const RecordsChoice choice = CliRecordsChoice();
+    if (!cmd.parser.isSet("store") && choice.line.isSet()) {
+        PgChipStore::Options po;
+        po.create = create;
+        return std::make_unique<PgChipStore>(choice.line, po);
+    }
+    SqliteChipStore::Options so;
+    so.create = create;
+    so.cacheMb = cacheMb;
+    return std::make_unique<SqliteChipStore>(storeOption(cmd), so);
 }
 
 // Fixed columns: a million rows are printed as they come, never measured first.
@@ -40,7 +57,8 @@ int recordsImport(const QStringList &args)
     CliCommand cmd("records import", "Loads chip CSV files (the burn's daily records) into the chip store. "
                    "A line stored already is left out, so importing twice adds nothing.", "FILE.csv...");
     cmd.add("station", "The station the files come from (default: this host's name).", "NAME");
-    cmd.add("store", "The chip store (default: chips.sqlite in the record folder).", "FILE");
+    cmd.add("store", "This bench's chip store file (default: the line's store when one is chosen, else "
+            "chips.sqlite in the record folder).", "FILE");
     bool done = false;
     int code = cmd.parse(args, &done);
     if (done)
@@ -53,11 +71,9 @@ int recordsImport(const QStringList &args)
     // A year of files goes in a few transactions, each of many files, and
     // with a cache that holds the indexes it adds to: a transaction a file
     // would write each index's pages again for every file.
-    SqliteChipStore::Options so;
-    so.cacheMb = 256;
-    SqliteChipStore store(storeOption(cmd), so);
+    const std::unique_ptr<ChipStore> store = chosenStore(cmd, true, 256);
     QString error, notice;
-    const bool opened = store.open(&error, &notice);
+    const bool opened = store->open(&error, &notice);
     if (!notice.isEmpty())
         cmd.err << notice << Qt::endl;
     if (!opened) {
@@ -71,7 +87,7 @@ int recordsImport(const QStringList &args)
     QStringList told;   // the files' lines, said once their batch is stored
     QList<ChipRow> rows;
     auto commit = [&] {
-        if (!store.endBatch(&error)) {
+        if (!store->endBatch(&error)) {
             cmd.err << "not stored: " << error << Qt::endl;
             return false;
         }
@@ -96,12 +112,12 @@ int recordsImport(const QStringList &args)
         ParseChipCsv(f.readAll(), station, &rows, &refused);
         for (const CsvRefusal &r : refused)
             cmd.err << file << ':' << r.line << ": refused: " << r.reason << "\n";
-        if (!inBatch && !store.beginBatch(&error)) {
+        if (!inBatch && !store->beginBatch(&error)) {
             cmd.err << file << ": not stored: " << error << Qt::endl;
             return kExitFailed;
         }
         inBatch = true;
-        const qint64 added = store.append(rows, nullptr, &error);
+        const qint64 added = store->append(rows, nullptr, &error);
         if (added < 0) {
             cmd.err << file << ": not stored, nor the files before it since " << (told.isEmpty() ? file : told.first().section(QLatin1String(": "), 0, 0))
                     << ": " << error << Qt::endl;
@@ -122,15 +138,91 @@ int recordsImport(const QStringList &args)
     return result;
 }
 
+// A bench joins the line with its history: every row of its own store into
+// the line's, in time order; rows there already (the key) are left out.
+int recordsCopy(const QStringList &args)
+{
+    CliCommand cmd("records copy", "Copies this bench's chip store into the line's store (PostgreSQL). "
+                   "A chip stored there already is left out, so copying twice adds nothing. The first copy "
+                   "makes the line's tables when the role may.");
+    cmd.add("to", "The line's store: postgresql://USER@HOST:PORT/DATABASE (default: the one records.conf or "
+            "--records names).", "URL");
+    cmd.add("store", "This bench's chip store (default: chips.sqlite in the record folder).", "FILE");
+    bool done = false;
+    int code = cmd.parse(args, &done);
+    if (done)
+        return code;
+    if (!cmd.positional(0, 0))
+        return kExitUsage;
+    LineStoreConfig line;
+    if (cmd.parser.isSet("to")) {
+        QString why;
+        if (!ParseRecordsUrl(cmd.parser.value("to"), &line, &why))
+            return cmd.usageError(QStringLiteral("--to: %1").arg(why));
+    } else {
+        line = CliRecordsChoice().line;
+        if (!line.isSet())
+            return cmd.usageError("no line's store: give --to URL, or --records URL, or write records.conf in the application folder");
+    }
+    PgChipStore to(line);
+    QString error;
+    if (!to.open(&error)) {
+        cmd.err << "pyrolink-cli records copy: " << error << Qt::endl;
+        return kExitFailed;
+    }
+    // The owner's first run on a PC without chips makes the tables only.
+    if (!QFile::exists(storeOption(cmd))) {
+        cmd.out << "no chip store at " << QDir::toNativeSeparators(storeOption(cmd)) << ": nothing to copy; "
+                << line.url() << " is ready" << Qt::endl;
+        return kExitOk;
+    }
+    SqliteChipStore::Options so;
+    so.create = false;
+    SqliteChipStore from(storeOption(cmd), so);
+    if (!from.open(&error)) {
+        cmd.err << "pyrolink-cli records copy: " << error << Qt::endl;
+        return kExitFailed;
+    }
+    qint64 seen = 0, added = 0;
+    QList<ChipRow> batch;
+    bool sent = true;
+    auto flush = [&] {
+        const qint64 n = to.append(batch, nullptr, &error);
+        batch.clear();
+        if (n < 0)
+            return sent = false;
+        added += n;
+        return true;
+    };
+    const bool read = from.select({}, [&](const ChipRow &r) {
+        ++seen;
+        batch << r;
+        return batch.size() < 5000 || flush();
+    }, &error);
+    if (read && sent && !batch.isEmpty())
+        flush();
+    if (!read || !sent) {
+        cmd.err << "pyrolink-cli records copy: " << error << "; " << added << " chip(s) copied before" << Qt::endl;
+        return kExitFailed;
+    }
+    cmd.out << seen << " chip(s) in " << QDir::toNativeSeparators(storeOption(cmd)) << ": " << added << " copied to "
+            << line.url() << ", " << seen - added << " there already" << Qt::endl;
+    return kExitOk;
+}
+
 } // namespace
 
 int cliRecords(const QStringList &args)
 {
     if (!args.isEmpty() && args.first() == QLatin1String("import"))
         return recordsImport(args.mid(1));
+    if (!args.isEmpty() && args.first() == QLatin1String("copy"))
+        return recordsCopy(args.mid(1));
     CliCommand cmd("records", "Chips in the chip store: the rows that match, oldest first, or their summary.\n"
                    "Times are local: 2026-11-23, 2026-11-23 09:30 or 2026-11-23T09:30:00; a bare day as --until "
-                   "takes the whole day.\n'pyrolink-cli records import FILE.csv...' loads CSV records.", "[import FILE.csv...]");
+                   "takes the whole day.\n'pyrolink-cli records import FILE.csv...' loads CSV records; 'pyrolink-cli records copy "
+                   "--to URL' copies this bench's store into the line's.\nWith a line's store chosen (records.conf, "
+                   "--records URL) the questions go to it.", "[import FILE.csv... | copy]");
     cmd.add("chip", "The whole history of one chip: its identity, 24 hex digits.", "ID");
     cmd.add("since", "Chips that ended at or after this time.", "TIME");
     cmd.add("until", "Chips that ended before this time.", "TIME");
@@ -140,7 +232,8 @@ int cliRecords(const QStringList &args)
     cmd.add("result", "Chips with this result: done, failed, stopped, interrupted, port lost, timed out.", "R");
     cmd.add("summary", "Chips, good, failed, yield, chips an hour, median duration and retries instead of rows.");
     cmd.add("format", "table, csv or json (one object a line) (default table).", "F", "table");
-    cmd.add("store", "The chip store (default: chips.sqlite in the record folder).", "FILE");
+    cmd.add("store", "This bench's chip store file (default: the line's store when one is chosen, else "
+            "chips.sqlite in the record folder).", "FILE");
     bool done = false;
     int code = cmd.parse(args, &done);
     if (done)
@@ -171,9 +264,8 @@ int cliRecords(const QStringList &args)
     if (format != QLatin1String("table") && format != QLatin1String("csv") && format != QLatin1String("json"))
         return cmd.usageError(QStringLiteral("--format: '%1' is not table, csv or json").arg(format));
 
-    SqliteChipStore::Options so;
-    so.create = false;
-    SqliteChipStore store(storeOption(cmd), so);
+    const std::unique_ptr<ChipStore> owned = chosenStore(cmd, false);
+    ChipStore &store = *owned;
     QString error;
     if (!store.open(&error)) {
         cmd.err << "pyrolink-cli records: " << error << Qt::endl;

@@ -37,10 +37,21 @@ int main(int argc, char **argv)
     CliCommand top(QString(), summary, QStringLiteral("COMMAND [options]"));
     top.parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
     top.parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("The command to run."));
+    top.add(QStringLiteral("records"), QStringLiteral("The line's chip store for this run, instead of records.conf in "
+                                                      "the application folder: postgresql://USER@HOST:PORT/DATABASE "
+                                                      "(or with ?host=/socket/folder)."), QStringLiteral("URL"));
     bool done = false;
     const int code = top.parse(app.arguments().mid(1), &done);
     if (done)
         return code;
+    if (top.parser.isSet(QStringLiteral("records"))) {
+        // A script's address that doesn't parse is its mistake: refused, not passed over.
+        pyro::LineStoreConfig line;
+        QString why;
+        if (!pyro::ParseRecordsUrl(top.parser.value(QStringLiteral("records")), &line, &why))
+            return top.usageError(QStringLiteral("--records: %1").arg(why));
+        CliSetRecordsUrl(top.parser.value(QStringLiteral("records")));
+    }
     QStringList rest = top.parser.positionalArguments();
     if (rest.isEmpty())
         return top.usageError(QStringLiteral("no command given"));

@@ -1,4 +1,5 @@
 #include "chipwriter.h"
+#include "pgstore.h"
 #include "sqlitestore.h"
 
 #include <QFile>
@@ -62,6 +63,13 @@ bool AppendPendingRows(const QString &path, const QList<ChipRow> &rows)
     for (const ChipRow &r : rows)
         text += ChipRowJson(r).toUtf8() + '\n';
     return f.write(text) == text.size() && f.flush();
+}
+
+ChipWriter::Options ChipWriterOptions(const RecordsChoice &choice)
+{
+    ChipWriter::Options o(choice.storePath);
+    o.line = choice.line;
+    return o;
 }
 
 ChipWriter::ChipWriter(const Options &options) : m_opt(options)
@@ -132,6 +140,12 @@ bool ChipWriter::faulty() const
     return m_faulty;
 }
 
+bool ChipWriter::lineFaulty() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_lineFaulty;
+}
+
 void ChipWriter::retryNow()
 {
     {
@@ -161,81 +175,158 @@ void ChipWriter::push(const QString &message)
     m_events.messages << message;
 }
 
+void ChipWriter::rewritePending(const QList<ChipRow> &work)
+{
+    // Under both locks: no row is handed over between reading the queue and
+    // writing the file.
+    std::lock_guard fileLock(m_fileMutex);
+    std::lock_guard lock(m_mutex);
+    if (work.isEmpty() && m_queue.empty()) {
+        QFile::remove(m_opt.pendingPath);
+        return;
+    }
+    QSaveFile f(m_opt.pendingPath);
+    QByteArray text;
+    for (const ChipRow &r : work)
+        text += ChipRowJson(r).toUtf8() + '\n';
+    for (const ChipRow &r : m_queue)
+        text += ChipRowJson(r).toUtf8() + '\n';
+    if (f.open(QIODevice::WriteOnly) && f.write(text) == text.size())
+        f.commit();
+}
+
 void ChipWriter::run()
 {
+    using Clock = std::chrono::steady_clock;
     SqliteChipStore::Options so;
     so.check = true;
-    SqliteChipStore store(m_opt.storePath, so);
-    // Rows a former run could not store come first; the pending file then
-    // holds exactly the rows of work until they are stored.
-    QList<ChipRow> work = std::exchange(m_initial, {});
-    bool faultShown = false;
+    SqliteChipStore local(m_opt.storePath, so);
+    std::unique_ptr<PgChipStore> line;
+    if (m_opt.line.isSet()) {
+        PgChipStore::Options po;
+        po.writer = true;
+        line = std::make_unique<PgChipStore>(m_opt.line, po);
+    }
+    // Each store has its own rows of work, both in the order handed over and
+    // cleared only when all of them are stored: each is a tail of the same
+    // sequence, and the longer one is what the pending file holds. Rows a
+    // former run could not store come first, for both.
+    QList<ChipRow> localWork = std::exchange(m_initial, {});
+    QList<ChipRow> lineWork = line ? localWork : QList<ChipRow>();
+    bool localShown = false, lineShown = false;
+    Clock::time_point localNext, lineNext;   // a faulty store's next try
+    const auto retry = std::chrono::milliseconds(m_opt.retryMs);
     for (;;) {
-        bool stopping = false;
+        bool stopping = false, wake = false;
         QList<ChipRow> fresh;
         {
             std::unique_lock lock(m_mutex);
-            if (work.isEmpty())
-                m_cv.wait(lock, [&] { return !m_queue.empty() || m_stopping; });
-            else if (m_faulty)
-                m_cv.wait_for(lock, std::chrono::milliseconds(m_opt.retryMs), [&] { return m_stopping || m_wake; });
-            m_wake = false;
+            const auto ready = [&] { return !m_queue.empty() || m_stopping || m_wake; };
+            const bool localWaits = !localWork.isEmpty() && localShown;
+            const bool lineWaits = !lineWork.isEmpty() && lineShown;
+            if (localWork.isEmpty() && lineWork.isEmpty()) {
+                m_cv.wait(lock, ready);
+            } else if ((localWork.isEmpty() || localWaits) && (lineWork.isEmpty() || lineWaits)) {
+                // Only faulty stores have work: sleep until the first is due,
+                // or a row comes for a store that works.
+                Clock::time_point due = Clock::time_point::max();
+                if (localWaits)
+                    due = std::min(due, localNext);
+                if (lineWaits)
+                    due = std::min(due, lineNext);
+                m_cv.wait_until(lock, due, ready);
+            }
+            wake = std::exchange(m_wake, false);
             stopping = m_stopping;
             fresh = QList<ChipRow>(m_queue.begin(), m_queue.end());
             m_queue.clear();
-            m_inWork = int(work.size() + fresh.size());
+            m_inWork = int(std::max(localWork.size(), lineWork.size()) + fresh.size());
         }
-        work += fresh;
-        if (work.isEmpty()) {
-            if (stopping)
-                break;
-            continue;
-        }
-        QString error, notice;
-        bool ok = store.isOpen() || store.open(&error, &notice);
-        if (!notice.isEmpty())
-            push(notice);
+        localWork += fresh;
+        if (line)
+            lineWork += fresh;
+        const qsizetype before = std::max(localWork.size(), lineWork.size());
+        const Clock::time_point now = Clock::now();
         QList<ChipMet> met;
         qint64 added = 0;
-        if (ok) {
-            added = store.append(work, &met, &error);
-            ok = added >= 0;
-            if (!ok)
-                store.close();   // opened again on the next try; a damaged file is then set aside
-        }
-        if (ok) {
-            const qsizetype stored = work.size();
-            work.clear();
-            // The pending file keeps only the rows still queued; a program
-            // ended before this line finds stored rows there, which go in as
-            // nothing (the key) next time.
-            std::lock_guard fileLock(m_fileMutex);
-            std::lock_guard lock(m_mutex);
-            if (m_queue.empty()) {
-                QFile::remove(m_opt.pendingPath);
-            } else {
-                QSaveFile f(m_opt.pendingPath);
-                QByteArray text;
-                for (const ChipRow &r : m_queue)
-                    text += ChipRowJson(r).toUtf8() + '\n';
-                if (f.open(QIODevice::WriteOnly) && f.write(text) == text.size())
-                    f.commit();
+
+        // The line first, so that a chip met again is told from the whole
+        // line's history; rows sent again after a fault were told already.
+        bool lineOk = false;
+        if (line && !lineWork.isEmpty() && (!lineShown || wake || now >= lineNext)) {
+            QString error;
+            lineOk = line->isOpen() || line->open(&error);
+            qint64 n = 0;
+            if (lineOk) {
+                n = line->append(lineWork, lineShown ? nullptr : &met, &error);
+                lineOk = n >= 0;
             }
+            std::lock_guard lock(m_mutex);
+            if (lineOk) {
+                added += n;
+                if (lineShown)
+                    m_events.messages << QStringLiteral("The line's chip store %1 works again: %2 waiting chip(s) sent.")
+                                             .arg(m_opt.line.url()).arg(lineWork.size());
+                lineWork.clear();
+                lineShown = false;
+                m_lineFaulty = false;
+            } else {
+                if (!lineShown)
+                    m_events.messages << QStringLiteral("The line's chip store can't be written (%1). The burn goes on: "
+                                                        "the chips go to this bench's own store and wait to be sent "
+                                                        "when the server is back.").arg(error);
+                lineShown = true;
+                m_lineFaulty = true;
+                lineNext = now + retry;
+            }
+        }
+
+        bool localOk = false;
+        if (!localWork.isEmpty() && (!localShown || wake || stopping || now >= localNext)) {
+            QString error, notice;
+            localOk = local.isOpen() || local.open(&error, &notice);
+            if (!notice.isEmpty())
+                push(notice);
+            qint64 n = 0;
+            if (localOk) {
+                // Told by the line's store already when it took them.
+                n = local.append(localWork, (line && lineOk) || localShown ? nullptr : &met, &error);
+                localOk = n >= 0;
+                if (!localOk)
+                    local.close();   // opened again on the next try; a damaged file is then set aside
+            }
+            std::lock_guard lock(m_mutex);
+            if (localOk) {
+                if (!line)
+                    added += n;
+                if (localShown)
+                    m_events.messages << QStringLiteral("The chip store works again: %1 waiting chip(s) stored.").arg(localWork.size());
+                localWork.clear();
+                localShown = false;
+            } else {
+                if (!localShown)
+                    m_events.messages << QStringLiteral("The chip store can't be written: %1. The burn goes on and the CSV "
+                                                        "record is written; the chips not stored wait and go in when it works again.")
+                                             .arg(error);
+                localShown = true;
+                localNext = now + retry;
+            }
+        }
+        {
+            std::lock_guard lock(m_mutex);
             m_events.met += met;
             m_events.stored += added;
-            m_inWork = 0;
-            m_faulty = false;
-            if (faultShown)
-                m_events.messages << QStringLiteral("The chip store works again: %1 waiting chip(s) stored.").arg(stored);
-            faultShown = false;
-        } else {
+            m_faulty = localShown || lineShown;
+        }
+        // The pending file keeps the rows still to store somewhere; a program
+        // ended before this line finds stored rows there, which go in as
+        // nothing (the key) next time.
+        const QList<ChipRow> &longer = localWork.size() >= lineWork.size() ? localWork : lineWork;
+        if (longer.size() < before)
+            rewritePending(longer);
+        {
             std::lock_guard lock(m_mutex);
-            m_faulty = true;
-            if (!faultShown)
-                m_events.messages << QStringLiteral("The chip store can't be written: %1. The burn goes on and the CSV "
-                                                    "record is written; the chips not stored wait and go in when it works again.")
-                                         .arg(error);
-            faultShown = true;
+            m_inWork = int(longer.size());
         }
         if (stopping)
             break;

@@ -7,6 +7,7 @@
 // next run. The pending file holds every row handed over and not yet known
 // stored, so a program killed at any point loses none.
 #include "chipstore.h"
+#include "recordsconfig.h"
 
 #include <QString>
 #include <condition_variable>
@@ -25,6 +26,9 @@ public:
         QString storePath;
         QString pendingPath;     // empty: storePath + ".pending"
         int retryMs = 1000;      // a store that failed is tried again this often
+        // The line's store, written besides the bench's own; while it can't
+        // be, its rows wait in the same pending file.
+        LineStoreConfig line;
     };
     explicit ChipWriter(const Options &options);
     ~ChipWriter();               // stop()
@@ -45,6 +49,8 @@ public:
     // Rows handed over and not stored yet.
     int pending() const;
     bool faulty() const;
+    // The line's store is chosen and can't be written now.
+    bool lineFaulty() const;
     // Tries the store again now rather than at the next retry.
     void retryNow();
     // Stores what it can in one more try and ends the thread; what is left
@@ -56,6 +62,7 @@ public:
 private:
     void run();
     void push(const QString &message);
+    void rewritePending(const QList<ChipRow> &work);
     Options m_opt;
     QThread *m_thread = nullptr;
     std::mutex m_fileMutex;      // the pending file; taken before m_mutex
@@ -66,9 +73,13 @@ private:
     Events m_events;
     int m_inWork = 0;
     bool m_faulty = false;
+    bool m_lineFaulty = false;
     bool m_stopping = false;
     bool m_wake = false;
 };
+
+// A writer's options for the store chosen at start.
+ChipWriter::Options ChipWriterOptions(const RecordsChoice &choice);
 
 // Rows kept in the pending file, one JSON object a line; lines cut short by
 // an ended program are passed over.

@@ -1,6 +1,8 @@
 #include "chiphistory.h"
 #include "burn.h"
+#include "pgstore.h"
 #include "prompter.h"
+#include "sqlitestore.h"
 
 #include <QComboBox>
 #include <QCoreApplication>
@@ -78,15 +80,17 @@ void HourChart::paintEvent(QPaintEvent *)
 
 // --- the writer's side in the window ---------------------------------------------------
 
-ChipRecords::ChipRecords(Burn &burn, const QString &recordFolder, QWidget *parent)
-    : QObject(parent), m_storePath(ChipStorePath(recordFolder))
+ChipRecords::ChipRecords(Burn &burn, const QString &recordFolder, QWidget *parent, const QString &appDir)
+    : QObject(parent), m_choice(ChooseRecords(recordFolder, appDir))
 {
     noticeParent = parent;
+    if (!m_choice.notice.isEmpty())
+        QTimer::singleShot(0, this, [this] { notify(m_choice.notice); emit news(); });
     const QString station = DefaultStation();
     burn.chipLog.toStore = [this, station](const ChipRecord &r) {
         // The first chip starts the writer: a run that burns nothing leaves no store.
         if (!m_writer) {
-            m_writer = std::make_unique<ChipWriter>(ChipWriter::Options(m_storePath));
+            m_writer = std::make_unique<ChipWriter>(ChipWriterOptions(m_choice));
             m_writer->start();
             m_poll.start();
         }
@@ -109,32 +113,50 @@ void ChipRecords::poll()
     const ChipWriter::Events e = m_writer->take();
     if (e.messages.isEmpty() && e.met.isEmpty() && e.stored == 0)
         return;
-    messages += e.messages;
     met += e.met;
-    for (const QString &m : e.messages) {
-        if (!boxes || !noticeParent)
-            continue;
-        // Not modal: the line goes on while the box waits for the operator.
-        auto *box = new QMessageBox(QMessageBox::Warning, tr("Chip store"), m, QMessageBox::Ok, noticeParent);
-        box->setAttribute(Qt::WA_DeleteOnClose);
-        box->setModal(false);
-        box->show();
-    }
+    for (const QString &m : e.messages)
+        notify(m);
     emit news();
+}
+
+void ChipRecords::notify(const QString &m)
+{
+    messages << m;
+    if (!boxes || !noticeParent)
+        return;
+    // Not modal: the line goes on while the box waits for the operator.
+    auto *box = new QMessageBox(QMessageBox::Warning, tr("Chip store"), m, QMessageBox::Ok, noticeParent);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setModal(false);
+    box->show();
+}
+
+bool ChipRecords::lineDown() const
+{
+    return m_writer && m_writer->lineFaulty();
 }
 
 // --- the window --------------------------------------------------------------------------
 
 ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, QWidget *parent)
-    : QWidget(parent, Qt::Window), m_records(records), m_prompter(prompter),
-      m_store(records.storePath(), SqliteChipStore::Options{false, false, 250})
+    : QWidget(parent, Qt::Window), m_records(records), m_prompter(prompter)
 {
+    const RecordsChoice choice = records.choice();
+    const QString path = records.storePath();
+    // Each connection its own store of the same kind: the table's here, the
+    // summary's on the stats worker's thread.
+    auto makeStore = [choice, path]() -> std::unique_ptr<ChipStore> {
+        if (choice.line.isSet()) {
+            PgChipStore::Options po;
+            po.create = false;
+            return std::make_unique<PgChipStore>(choice.line, po);
+        }
+        return std::make_unique<SqliteChipStore>(path, SqliteChipStore::Options{false, false, 250});
+    };
+    m_store = makeStore();
     // The summary of a million rows takes a while: it is worked out beside
     // the window, which pages its table from its own connection meanwhile.
-    const QString path = records.storePath();
-    m_stats = new ChipStatsWorker([path] {
-        return std::make_unique<SqliteChipStore>(path, SqliteChipStore::Options{false, false, 250});
-    }, this);
+    m_stats = new ChipStatsWorker(makeStore, this);
     connect(m_stats, &ChipStatsWorker::ready, this, &ChipHistoryWindow::showStats);
     setObjectName(QStringLiteral("ChipHistory"));
     setWindowTitle(tr("Chip history"));
@@ -168,7 +190,7 @@ ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, Q
     layout->addLayout(filters);
 
     m_model = new ChipTableModel(this);
-    m_model->setStore(&m_store);
+    m_model->setStore(m_store.get());
     m_table = new QTableView(this);
     m_table->setModel(m_model);
     m_table->setSelectionBehavior(QAbstractItemView::SelectRows);
@@ -212,11 +234,15 @@ ChipHistoryWindow::~ChipHistoryWindow() = default;
 
 bool ChipHistoryWindow::ensureOpen()
 {
-    if (m_store.isOpen())
+    if (m_store->isOpen())
         return true;
     QString error;
-    if (m_store.open(&error))
+    if (m_store->open(&error))
         return true;
+    // A server that can't be reached costs its connect time on this thread:
+    // the window tries it again after a while, or when asked (a filter typed).
+    if (m_records.choice().line.isSet())
+        m_nextOpen = QDateTime::currentMSecsSinceEpoch() + 15000;
     m_summary->setText(tr("No chips to show: %1").arg(error));
     return false;
 }
@@ -261,7 +287,7 @@ void ChipHistoryWindow::applyFilter()
 
 void ChipHistoryWindow::refreshSummary()
 {
-    if (m_store.isOpen())
+    if (m_store->isOpen())
         m_stats->request(m_model->query());
 }
 
@@ -285,7 +311,9 @@ void ChipHistoryWindow::follow()
 {
     if (!isVisible())
         return;
-    if (!m_store.isOpen()) {
+    if (!m_store->isOpen()) {
+        if (m_records.lineDown() || QDateTime::currentMSecsSinceEpoch() < m_nextOpen)
+            return;
         if (ensureOpen())
             applyFilter();
         return;
@@ -313,7 +341,7 @@ bool ChipHistoryWindow::exportCsv(const QString &path)
     bool ok = f.open(QIODevice::WriteOnly);
     if (ok) {
         f.write((CsvJoin(ChipRowHeader()) + QStringLiteral("\r\n")).toUtf8());
-        ok = m_store.select(m_model->query(), [&](const ChipRow &r) {
+        ok = m_store->select(m_model->query(), [&](const ChipRow &r) {
             return f.write((CsvJoin(ChipRowFields(r)) + QStringLiteral("\r\n")).toUtf8()) > 0;
         }, &error);
         ok = ok && f.commit();

@@ -3,6 +3,7 @@
 // the chip history window (View > Chip history).
 #include "chipmodel.h"
 #include "chipwriter.h"
+#include "recordsconfig.h"
 #include "sqlitestore.h"
 #include "statsworker.h"
 
@@ -42,9 +43,13 @@ private:
 class ChipRecords : public QObject {
     Q_OBJECT
 public:
-    ChipRecords(Burn &burn, const QString &recordFolder, QWidget *parent);
+    // The store is chosen once, here: records.conf in appDir names the line's.
+    ChipRecords(Burn &burn, const QString &recordFolder, QWidget *parent, const QString &appDir = {});
     ~ChipRecords() override;
-    QString storePath() const { return m_storePath; }
+    QString storePath() const { return m_choice.storePath; }
+    const RecordsChoice &choice() const { return m_choice; }
+    // The line's store is chosen and the writer can't reach it now.
+    bool lineDown() const;
     // What the writer said since the last call (the window polls it too).
     void poll();
     QStringList messages;             // every message so far, newest last
@@ -55,7 +60,8 @@ signals:
     void news();
 
 private:
-    QString m_storePath;
+    void notify(const QString &message);
+    RecordsChoice m_choice;
     std::unique_ptr<ChipWriter> m_writer;
     QTimer m_poll;
 };
@@ -96,7 +102,7 @@ private:
 
     ChipRecords &m_records;
     Prompter *m_prompter;
-    SqliteChipStore m_store;
+    std::unique_ptr<ChipStore> m_store;   // the line's when chosen, else the bench's
     ChipStatsWorker *m_stats;
     ChipTableModel *m_model;
     QTableView *m_table;
@@ -106,6 +112,7 @@ private:
     QComboBox *m_result;
     QTimer m_typing, m_follow;
     int m_newsSeen = 0, m_metSeen = 0;
+    qint64 m_nextOpen = 0;   // a store that would not open is not tried again before (ms since 1970)
 };
 
 } // namespace pyro

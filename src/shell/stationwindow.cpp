@@ -58,7 +58,12 @@ StationWindow::StationWindow(Prompter *prompter, QWidget *parent)
         if (station.recordFolder.isEmpty())
             return;
         if (!m_writer) {
-            m_writer = std::make_unique<ChipWriter>(ChipWriter::Options(ChipStorePath(station.recordFolder)));
+            // The store is chosen with the first chip, when the application
+            // folder is known: records.conf there may name the line's.
+            const RecordsChoice choice = ChooseRecords(station.recordFolder, station.appDir);
+            if (!choice.notice.isEmpty())
+                say(choice.notice);
+            m_writer = std::make_unique<ChipWriter>(ChipWriterOptions(choice));
             m_writer->start();
         }
         m_writer->append(ChipRowFromRecord(r, DefaultStation(), QCoreApplication::applicationVersion()));

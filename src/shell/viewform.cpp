@@ -200,7 +200,7 @@ ViewForm::ViewForm(const Options &options) : m_opt(options)
     burn.params = &params;
     // Every chip burned in the window gets its line in the day's chip record.
     burn.chipLog.folder = RecordFolder();
-    m_records = std::make_unique<ChipRecords>(burn, RecordFolder(), this);
+    m_records = std::make_unique<ChipRecords>(burn, RecordFolder(), this, m_opt.appDir);
     InstallParamOps(link, params, ops);
     AttachDb(db, link);
     strip.saveItem = [this] { return MenuImg4Click(db, params, link); };

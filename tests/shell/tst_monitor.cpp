@@ -66,6 +66,8 @@ private slots:
     void windowsHookOnlyWhileOpen();
     void saveAndExport();
     void chipHistory();
+    void chipHistoryWithoutTheLine_data();
+    void chipHistoryWithoutTheLine();
 };
 
 void TstMonitor::records_data()
@@ -391,6 +393,54 @@ void TstMonitor::chipHistory()
         QCOMPARE(lines.size(), 101);
         QCOMPARE(lines[0], CsvJoin(ChipRowHeader()));
         QVERIFY(lines[1].endsWith(",failed,"));
+    }
+    qputenv("HOME", oldHome);
+}
+
+void TstMonitor::chipHistoryWithoutTheLine_data()
+{
+    QTest::addColumn<QByteArray>("conf");
+    QTest::addColumn<QString>("summary");   // the window's words before a chip
+    QTest::addColumn<QString>("notice");    // and after one
+    QTest::newRow("a file that doesn't parse") << QByteArray("dbname=line\nserver=db1\n") << "No chips to show: no chip store at"
+                                               << "records.conf:2: unknown key 'server'";
+    QTest::newRow("a server that isn't there") << QByteArray("host=/nonexistent-pyrolink\ndbname=line\n")
+                                               << "No chips to show: the line's chip store postgresql:///line?host=/nonexistent-pyrolink can't be reached"
+                                               << "The line's chip store can't be written";
+}
+
+// records.conf names a line's store that can't be had: the window says why,
+// and the chip goes to the bench's own store all the same.
+void TstMonitor::chipHistoryWithoutTheLine()
+{
+    QFETCH(QByteArray, conf);
+    QFETCH(QString, summary);
+    QFETCH(QString, notice);
+    QTemporaryDir home;
+    const QByteArray oldHome = qgetenv("HOME");
+    qputenv("HOME", QFile::encodeName(home.path()));
+    QFile f(home.filePath("records.conf"));
+    QVERIFY(f.open(QIODevice::WriteOnly));
+    f.write(conf);
+    f.close();
+    {
+        ScriptedPrompter prompter;
+        ViewForm::Options o;
+        o.appDir = home.path();
+        o.prompter = &prompter;
+        ViewForm form(o);
+        form.chipRecords().boxes = false;
+        form.menuAction("ChipHistory")->trigger();
+        ChipHistoryWindow &w = form.chipHistory();
+        QVERIFY2(w.summaryLabel()->text().startsWith(summary), qPrintable(w.summaryLabel()->text()));
+        ChipRecord c;
+        c.when = QDateTime::currentDateTime();
+        c.port = "COM9";
+        c.result = "done";
+        form.burn.chipLog.toStore(c);
+        QTRY_VERIFY2(w.noticeLabel()->text().contains(notice), qPrintable(w.noticeLabel()->text()));
+        SqliteChipStore own(ChipStorePath(RecordFolder()));
+        QTRY_VERIFY(own.open(nullptr) && own.page({}, std::nullopt, 5, nullptr).value(0).port == "COM9");
     }
     qputenv("HOME", oldHome);
 }
