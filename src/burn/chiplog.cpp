@@ -51,16 +51,6 @@ QString ChipLogFileName(const QDate &day)
     return QStringLiteral("%1.%2.%3(K0).csv").arg(day.year()).arg(day.month()).arg(day.day());
 }
 
-QString CsvField(const QString &s)
-{
-    if (!s.contains(QLatin1Char(',')) && !s.contains(QLatin1Char('"')) && !s.contains(QLatin1Char('\n'))
-        && !s.contains(QLatin1Char('\r')))
-        return s;
-    QString q = s;
-    q.replace(QLatin1String("\""), QLatin1String("\"\""));
-    return QLatin1Char('"') + q + QLatin1Char('"');
-}
-
 QString ChipCsvHeader()
 {
     return QStringLiteral("time,port,chip_id,order,image,length,sha256,duration_s,retries,result");

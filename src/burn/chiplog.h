@@ -2,6 +2,7 @@
 // The traceable record of every chip: which chip got which image, when, on
 // which port, and how it went. One CSV line per chip in a companion of the
 // day's record file; the day's text record itself is left as it is.
+#include "csvtext.h"
 #include "link.h"
 
 #include <QByteArray>
@@ -51,8 +52,6 @@ struct ChipLog {
 
 // "2026.1.5(K0).csv", beside "2026.1.5(K0).Txt".
 QString ChipLogFileName(const QDate &day);
-// A CSV field as written: quoted, with its quotes doubled, only when it must be.
-QString CsvField(const QString &s);
 QString ChipCsvHeader();
 QString ChipCsvLine(const ChipRecord &r);
 // 24 upper-case hex digits, or empty when the chip never told its identity.

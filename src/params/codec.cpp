@@ -1,4 +1,5 @@
 #include "codec.h"
+#include "csvtext.h"
 #include "frame.h"
 #include "numbers.h"
 
@@ -12,14 +13,6 @@ const QString kListMismatchText = QStringLiteral("解析协议表错误，列表
 const QString kListMismatchTitle = QStringLiteral("警告！");
 
 namespace {
-
-QString stripTrailing(const QString &s)
-{
-    qsizetype n = s.size();
-    while (n > 0 && s[n - 1].isSpace())
-        --n;
-    return s.left(n);
-}
 
 QString integerText(double v)
 {
@@ -84,7 +77,7 @@ Pick PickByValue(const ParamRow &row, const QString &needle)
     Pick p;
     const QStringList values = SplitList(row.Values);
     for (int i = 0; i < values.size(); ++i) {
-        if (ShortestText(LeadingNumber(stripTrailing(values[i]))).contains(needle)) {
+        if (ShortestText(LeadingNumber(StripTrailing(values[i]))).contains(needle)) {
             p = {PickOutcome::Found, i};
             break;
         }
@@ -165,7 +158,7 @@ DecodeOutcome DecodeRow(const ParamRow &row, const QByteArray &block, int limit,
         if (labels.size() != 2)
             return DecodeOutcome::Keep;
         const int b = (uint32_t(v) >> (row.BitIndex - 1)) & 1u;
-        text = stripTrailing(labels[b]);
+        text = StripTrailing(labels[b]);
         return DecodeOutcome::Text;
     }
     case ValueKind::Float: {

@@ -1,4 +1,5 @@
 #include "gridedit.h"
+#include "csvtext.h"
 
 namespace pyro {
 
@@ -20,14 +21,6 @@ const ParamRow &rowOf(const Params &p, int row)
 {
     static const ParamRow none;
     return row >= 0 && row < p.SetRows.size() ? p.SetRows[row] : none;
-}
-
-QString stripTrailing(const QString &s)
-{
-    qsizetype n = s.size();
-    while (n > 0 && s[n - 1].isSpace())
-        --n;
-    return s.left(n);
 }
 
 void requestFocus(GridEdit &e, EditFocus f)
@@ -52,8 +45,8 @@ void openList(GridEdit &e, const GridCell &cur, const ParamRow &row, const CellP
     MSFGListView &l = e.MSFGList;
     l.items.clear();
     for (const QString &piece : SplitList(row.Labels))
-        l.items << stripTrailing(piece);
-    l.selected = int(l.items.indexOf(stripTrailing(cur.text)));
+        l.items << StripTrailing(piece);
+    l.selected = int(l.items.indexOf(StripTrailing(cur.text)));
     l.rowHeight = place.cell.height();
     l.colWidth = place.cell.width();
     l.alignment = cur.alignment;
@@ -131,7 +124,7 @@ QString RangeErrorMessage(const QStringList &range)
 {
     if (range.size() != 2)
         return kRangeErrorText;
-    return kRangeErrorText + stripTrailing(range[0]) + QLatin1Char('-') + stripTrailing(range[1]);
+    return kRangeErrorText + StripTrailing(range[0]) + QLatin1Char('-') + StripTrailing(range[1]);
 }
 
 bool InPutTxtKeyPress(GridEdit &e, Params &p, View &view, Prompter *prompter, int keyAscii,

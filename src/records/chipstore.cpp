@@ -123,13 +123,64 @@ QString DefaultStation()
     return h.isEmpty() ? QStringLiteral("bench") : h;
 }
 
+namespace {
+
+// UTF-8 of s onto out; the common all-ASCII field byte by byte, with no
+// text made for it on the way.
+void addUtf8(QByteArray &out, QStringView s)
+{
+    for (QChar c : s) {
+        if (c.unicode() >= 0x80) {
+            out += s.toUtf8();
+            return;
+        }
+    }
+    const qsizetype at = out.size();
+    out.resize(at + s.size());
+    char *p = out.data() + at;
+    for (QChar c : s)
+        *p++ = char(c.unicode());
+}
+
+void addNumber(QByteArray &out, qint64 v)
+{
+    char buf[24];
+    char *end = buf + sizeof buf, *p = end;
+    const bool negative = v < 0;
+    quint64 u = negative ? 0 - quint64(v) : quint64(v);
+    do {
+        *--p = char('0' + u % 10);
+        u /= 10;
+    } while (u);
+    if (negative)
+        *--p = '-';
+    out.append(p, end - p);
+}
+
+} // namespace
+
 QByteArray ChipRowKey(const ChipRow &r)
 {
-    QCryptographicHash h(QCryptographicHash::Sha256);
-    const QStringList parts{r.station, r.local, r.port, r.chipId, r.order, r.image, QString::number(r.length),
-                            r.sha256, QString::number(r.durationMs), QString::number(r.retries), r.result};
-    h.addData(parts.join(QChar(0x1F)).toUtf8());
-    return h.result().left(16);
+    // The fields' UTF-8 joined by the unit separator: the same bytes for a
+    // chip stored live and its CSV line imported later, in any release.
+    QByteArray text;
+    text.reserve(320);
+    addUtf8(text, r.station);
+    for (const QString *s : {&r.local, &r.port, &r.chipId, &r.order, &r.image}) {
+        text += '\x1F';
+        addUtf8(text, *s);
+    }
+    text += '\x1F';
+    addNumber(text, r.length);
+    text += '\x1F';
+    addUtf8(text, r.sha256);
+    text += '\x1F';
+    addNumber(text, r.durationMs);
+    text += '\x1F';
+    addNumber(text, r.retries);
+    text += '\x1F';
+    addUtf8(text, r.result);
+    return QCryptographicHash::hash(text, QCryptographicHash::Sha256).left(16);
 }
 
 ChipRow ChipRowFromRecord(const ChipRecord &r, const QString &station, const QString &version)
@@ -265,50 +316,18 @@ bool ParseLocalTime(const QString &text, bool endOfDay, qint64 *utcMs)
 void ParseChipCsv(const QByteArray &bytes, const QString &station, QList<ChipRow> *rows, QList<CsvRefusal> *refused)
 {
     const QString text = QString::fromUtf8(bytes);
-    const qsizetype n = text.size();
-    qsizetype i = 0;
+    const QString header = ChipCsvHeader();
+    // A chip's line is about a hundred bytes: room for them all at once.
+    rows->reserve(rows->size() + bytes.size() / 96);
+    qsizetype pos = 0;
     int line = 1;
     QStringList fields;
-    QString field;
-    while (i < n) {
-        // One record: fields split at commas, quotes may hold commas and line ends.
+    for (;;) {
         const int at = line;
-        fields.clear();
-        field.clear();
-        bool quoted = false, broken = false;
-        for (;;) {
-            if (i >= n) {
-                if (quoted)
-                    broken = true;
-                break;
-            }
-            const QChar c = text[i++];
-            if (quoted) {
-                if (c == QLatin1Char('"')) {
-                    if (i < n && text[i] == QLatin1Char('"')) {
-                        field += c;
-                        ++i;
-                    } else {
-                        quoted = false;
-                    }
-                } else {
-                    if (c == QLatin1Char('\n'))
-                        ++line;
-                    field += c;
-                }
-            } else if (c == QLatin1Char('"') && field.isEmpty()) {
-                quoted = true;
-            } else if (c == QLatin1Char(',')) {
-                fields << field;
-                field.clear();
-            } else if (c == QLatin1Char('\n')) {
-                ++line;
-                break;
-            } else if (c != QLatin1Char('\r')) {
-                field += c;
-            }
-        }
-        fields << field;
+        const CsvRead read = ReadCsvRecord(text, &pos, &line, &fields);
+        if (read == CsvRead::End)
+            break;
+        const bool broken = read == CsvRead::Unclosed;
         auto refuse = [&](const QString &why) { refused->append({at, why}); };
         if (broken) {
             refuse(QStringLiteral("a quote that is never closed"));
@@ -320,7 +339,7 @@ void ParseChipCsv(const QByteArray &bytes, const QString &station, QList<ChipRow
             refuse(QStringLiteral("%1 fields, a chip record has %2").arg(fields.size()).arg(kCsvFields));
             continue;
         }
-        if (fields.join(QLatin1Char(',')) == ChipCsvHeader())
+        if (fields[0] == QLatin1String("time") && fields.join(QLatin1Char(',')) == header)
             continue;
         ChipRow r;
         r.station = station;
@@ -363,7 +382,7 @@ void ParseChipCsv(const QByteArray &bytes, const QString &station, QList<ChipRow
             continue;
         }
         r.key = ChipRowKey(r);
-        rows->append(r);
+        rows->append(std::move(r));
     }
 }
 

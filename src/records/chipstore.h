@@ -80,6 +80,11 @@ public:
     // are left out. The count newly stored, or -1 with error (nothing stored).
     // met, when given, gets the rows whose chip was burned before.
     virtual qint64 append(const QList<ChipRow> &rows, QList<ChipMet> *met, QString *error) = 0;
+    // The appends between these two are one transaction, for an import of
+    // many files; a failed append ends it with nothing of it stored. A store
+    // may keep each append its own.
+    virtual bool beginBatch(QString *error) { Q_UNUSED(error); return true; }
+    virtual bool endBatch(QString *error) { Q_UNUSED(error); return true; }
     // Rows in time order; each returns false to stop.
     virtual bool select(const ChipQuery &q, const std::function<bool(const ChipRow &)> &each, QString *error) = 0;
     // A page of rows, newest first, older than the row (utcMs, id) given.
@@ -89,6 +94,17 @@ public:
     virtual QList<ChipRow> newerThan(const ChipQuery &q, qint64 id, QString *error) = 0;
     virtual bool summary(const ChipQuery &q, ChipSummary *out, QString *error) = 0;
     virtual QList<HourCount> hourly(const ChipQuery &q, QString *error) = 0;
+    // Both at once, for a store that can answer them from one pass.
+    virtual bool summaryAndHours(const ChipQuery &q, ChipSummary *out, QList<HourCount> *hours, QString *error)
+    {
+        if (!summary(q, out, error))
+            return false;
+        QString e;
+        *hours = hourly(q, &e);
+        if (!e.isEmpty() && error)
+            *error = e;
+        return e.isEmpty();
+    }
 };
 
 // The store file in a record folder.

@@ -3,10 +3,14 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSqlDriver>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QVariant>
+#include <algorithm>
 #include <atomic>
+#include <sqlite3.h>
+#include <string>
 
 namespace pyro {
 
@@ -127,12 +131,6 @@ bool run(QSqlQuery &q, const QString &sql, const QVariantList &binds, QString *e
 
 std::atomic<int> s_connections{0};
 
-// An empty text, never NULL: Qt binds a null QString as NULL.
-QString text(const QString &s)
-{
-    return s.isNull() ? QStringLiteral("") : s;
-}
-
 } // namespace
 
 SqliteChipStore::SqliteChipStore(const QString &path, const Options &options)
@@ -145,8 +143,58 @@ SqliteChipStore::~SqliteChipStore()
     close();
 }
 
+// The statements a writer runs for each chip, prepared once: preparing
+// costs more than the insert itself. The insert goes through SQLite's own
+// calls on Qt's connection: Qt's binding of fourteen values costs more than
+// SQLite's work of storing them.
+struct SqliteChipStore::Statements {
+    explicit Statements(const QSqlDatabase &db) : prev(db), count(db) {}
+    ~Statements()
+    {
+        for (sqlite3_stmt *st : {begin, commit, rollback, insert})
+            sqlite3_finalize(st);
+    }
+    sqlite3 *handle = nullptr;
+    sqlite3_stmt *begin = nullptr, *commit = nullptr, *rollback = nullptr, *insert = nullptr;
+    std::string text[15];        // the insert's texts, by column
+    QSqlQuery prev, count;
+};
+
+namespace {
+
+// Runs a statement without rows to its end; SQLite's code.
+int step(sqlite3_stmt *st)
+{
+    const int rc = sqlite3_step(st);
+    sqlite3_reset(st);
+    return rc;
+}
+
+// A text bound as UTF-8, the store's own encoding, made in a buffer kept for
+// the column so that a million rows make no text of their own; never NULL.
+void bindText(sqlite3_stmt *st, int i, const QString &s, std::string &buf)
+{
+    buf.resize(size_t(s.size()));
+    char *p = buf.data();
+    for (QChar c : s) {
+        if (c.unicode() >= 0x80) {
+            const QByteArray utf8 = s.toUtf8();
+            buf.assign(utf8.constData(), size_t(utf8.size()));
+            break;
+        }
+        *p++ = char(c.unicode());
+    }
+    sqlite3_bind_text(st, i, buf.data(), int(buf.size()), SQLITE_STATIC);
+}
+
+} // namespace
+
 void SqliteChipStore::close()
 {
+    if (m_batch && m_st)
+        step(m_st->rollback);
+    m_batch = false;
+    m_st.reset();
     if (!QSqlDatabase::contains(m_conn))
         return;
     {
@@ -289,23 +337,10 @@ bool SqliteChipStore::openOnce(QString *error, QString *asideWhy)
         // WAL before the schema, so that even the first write is journalled so.
         q.exec(QStringLiteral("PRAGMA journal_mode = WAL"));
         q.finish();
-        if (!db.transaction())
-            return failed(QStringLiteral("starting its schema"));
-        for (const char *const *s = kSqliteSchema; *s; ++s) {
-            if (!q.exec(QString::fromLatin1(*s))) {
-                const QSqlError e = q.lastError();
-                db.rollback();
-                *error = QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(m_path), textOf(e));
-                return false;
-            }
-        }
-        if (!db.commit()) {
-            *error = QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(m_path), textOf(db.lastError()));
-            db.rollback();
+        if (!upgrade(0, error))
             return false;
-        }
+        m_version = kSqliteSchemaVersion;
     } else {
-        // Version 1 is the only one yet; upgrades would go here, in order.
         if (!q.exec(QStringLiteral("SELECT %1 FROM chips LIMIT 0").arg(QLatin1String(kColumns)))) {
             if (isDamage(q.lastError()))
                 return failed(QStringLiteral("reading its chips"));
@@ -317,9 +352,17 @@ bool SqliteChipStore::openOnce(QString *error, QString *asideWhy)
             return false;
         }
         q.finish();
+        m_version = std::max(version, 1);
         if (m_opt.create) {
             q.exec(QStringLiteral("PRAGMA journal_mode = WAL"));
             q.finish();
+            // Only a store opened to write is upgraded; a reader of an older
+            // one asks the same questions, answered more slowly.
+            if (m_version < kSqliteSchemaVersion) {
+                if (!upgrade(m_version, error))
+                    return false;
+                m_version = kSqliteSchemaVersion;
+            }
         }
     }
     // WAL with NORMAL: a commit survives the program's end; a power cut may
@@ -328,9 +371,117 @@ bool SqliteChipStore::openOnce(QString *error, QString *asideWhy)
     // The key index takes rows in random order: a cache that holds its
     // working set keeps a million-row store from going to the disk per row;
     // sorting (a median) stays in memory.
-    q.exec(QStringLiteral("PRAGMA cache_size = -65536"));
+    q.exec(QStringLiteral("PRAGMA cache_size = %1").arg(-1024 * qint64(m_opt.cacheMb)));
     q.exec(QStringLiteral("PRAGMA temp_store = MEMORY"));
     return true;
+}
+
+bool SqliteChipStore::upgrade(int from, QString *error)
+{
+    QSqlDatabase db = QSqlDatabase::database(m_conn, false);
+    QSqlQuery q(db);
+    auto fail = [&](const QSqlError &e) {
+        m_damaged = isDamage(e);
+        *error = QStringLiteral("%1: upgrading its schema: %2").arg(QDir::toNativeSeparators(m_path), textOf(e));
+        q.exec(QStringLiteral("ROLLBACK"));
+        return false;
+    };
+    if (!q.exec(QStringLiteral("BEGIN IMMEDIATE")))
+        return fail(q.lastError());
+    for (int v = from + 1; v <= kSqliteSchemaVersion; ++v) {
+        for (const char *const *s = kSqliteSchema[v - 1]; *s; ++s)
+            if (!q.exec(QString::fromLatin1(*s)))
+                return fail(q.lastError());
+    }
+    if (!q.exec(QStringLiteral("PRAGMA user_version = %1").arg(kSqliteSchemaVersion)) || !q.exec(QStringLiteral("COMMIT")))
+        return fail(q.lastError());
+    return true;
+}
+
+bool SqliteChipStore::prepareStatements(QString *error)
+{
+    if (m_st)
+        return true;
+    const QSqlDatabase db = QSqlDatabase::database(m_conn, false);
+    auto st = std::make_unique<Statements>(db);
+    const QVariant h = db.driver()->handle();
+    if (h.isValid() && qstrcmp(h.typeName(), "sqlite3*") == 0)
+        st->handle = *static_cast<sqlite3 *const *>(h.constData());
+    if (!st->handle) {
+        *error = QStringLiteral("%1: the SQLite driver gives no handle").arg(QDir::toNativeSeparators(m_path));
+        return false;
+    }
+    const QByteArray insert = "INSERT INTO chips (key, t_utc, t_local, station, port, chip_id, order_text, image, length, "
+                              "sha256, duration_ms, retries, result, app_version) "
+                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (key) DO NOTHING";
+    // IMMEDIATE: the write lock at the start, so that a store another
+    // program holds fails here, before any work.
+    const std::pair<sqlite3_stmt **, QByteArray> sql[] = {
+        {&st->begin, "BEGIN IMMEDIATE"}, {&st->commit, "COMMIT"}, {&st->rollback, "ROLLBACK"}, {&st->insert, insert}};
+    for (const auto &[target, text] : sql) {
+        if (sqlite3_prepare_v2(st->handle, text.constData(), int(text.size()), target, nullptr) != SQLITE_OK) {
+            m_st = std::move(st);
+            *error = nativeError(&m_damaged);
+            m_st.reset();
+            return false;
+        }
+    }
+    st->prev.setForwardOnly(true);
+    st->count.setForwardOnly(true);
+    if (!st->prev.prepare(QStringLiteral("SELECT %1 FROM chips WHERE chip_id = ? AND result = 'done' AND t_utc < ? "
+                                         "ORDER BY t_utc DESC, id DESC LIMIT 1").arg(QLatin1String(kColumns)))
+        || !st->count.prepare(QStringLiteral("SELECT count(*) FROM chips WHERE chip_id = ? AND result = 'done' AND t_utc < ?"))) {
+        const QSqlError e = st->prev.lastError().isValid() ? st->prev.lastError() : st->count.lastError();
+        m_damaged = isDamage(e);
+        *error = QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(m_path), textOf(e));
+        return false;
+    }
+    m_st = std::move(st);
+    return true;
+}
+
+QString SqliteChipStore::nativeError(bool *damaged) const
+{
+    const int code = sqlite3_extended_errcode(m_st->handle) & 0xFF;
+    *damaged = code == kSqliteCorrupt || code == kSqliteNotADb;
+    QString why = QString::fromUtf8(sqlite3_errmsg(m_st->handle));
+    if (code == kSqliteBusy || code == kSqliteLocked)
+        why += QStringLiteral(" (another program holds it)");
+    return QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(m_path), why);
+}
+
+bool SqliteChipStore::beginBatch(QString *error)
+{
+    QString dummy;
+    if (!error)
+        error = &dummy;
+    if (!m_open) {
+        *error = QStringLiteral("the chip store is not open");
+        return false;
+    }
+    if (m_batch)
+        return true;
+    if (!prepareStatements(error))
+        return false;
+    if (step(m_st->begin) != SQLITE_DONE) {
+        *error = nativeError(&m_damaged);
+        return false;
+    }
+    m_batch = true;
+    return true;
+}
+
+bool SqliteChipStore::endBatch(QString *error)
+{
+    if (!m_batch)
+        return true;
+    m_batch = false;
+    if (step(m_st->commit) == SQLITE_DONE)
+        return true;
+    QString dummy;
+    *(error ? error : &dummy) = nativeError(&m_damaged);
+    step(m_st->rollback);
+    return false;
 }
 
 qint64 SqliteChipStore::append(const QList<ChipRow> &rows, QList<ChipMet> *met, QString *error)
@@ -343,65 +494,90 @@ qint64 SqliteChipStore::append(const QList<ChipRow> &rows, QList<ChipMet> *met, 
         *error = QStringLiteral("the chip store is not open");
         return -1;
     }
-    QSqlDatabase db = QSqlDatabase::database(m_conn, false);
-    auto fail = [&](const QSqlError &e) {
-        m_damaged = isDamage(e);
-        *error = QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(m_path), textOf(e));
-        db.rollback();
+    if (!prepareStatements(error))
+        return -1;
+    Statements &st = *m_st;
+    // In a batch, a failure ends the batch's transaction as well.
+    bool inTransaction = m_batch;
+    auto end = [&] {
+        st.prev.finish();
+        st.count.finish();
+        if (inTransaction)
+            step(st.rollback);
+        m_batch = false;
         return qint64(-1);
     };
-    if (!db.transaction())
-        return fail(db.lastError());
-    qint64 added = 0;
-    {
-        QSqlQuery ins(db), prev(db), count(db);
-        if (!ins.prepare(QStringLiteral("INSERT INTO chips (key, t_utc, t_local, station, port, chip_id, order_text, "
-                                        "image, length, sha256, duration_ms, retries, result, app_version) "
-                                        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (key) DO NOTHING")))
-            return fail(ins.lastError());
-        if (met) {
-            prev.setForwardOnly(true);
-            count.setForwardOnly(true);
-            if (!prev.prepare(QStringLiteral("SELECT %1 FROM chips WHERE chip_id = ? AND result = 'done' AND t_utc < ? "
-                                             "ORDER BY t_utc DESC, id DESC LIMIT 1").arg(QLatin1String(kColumns)))
-                || !count.prepare(QStringLiteral("SELECT count(*) FROM chips WHERE chip_id = ? AND result = 'done' AND t_utc < ?")))
-                return fail(prev.lastError().isValid() ? prev.lastError() : count.lastError());
-        }
-        for (const ChipRow &r : rows) {
-            const QVariantList v{r.key.isEmpty() ? ChipRowKey(r) : r.key, r.utcMs, text(r.local), text(r.station), text(r.port),
-                                 text(r.chipId), text(r.order), text(r.image), r.length, text(r.sha256), r.durationMs,
-                                 r.retries, text(r.result), text(r.version)};
-            for (int i = 0; i < v.size(); ++i)
-                ins.bindValue(i, v[i]);
-            if (!ins.exec())
-                return fail(ins.lastError());
-            if (ins.numRowsAffected() != 1)
-                continue;
-            ++added;
-            if (!met)
-                continue;
-            prev.bindValue(0, r.chipId);
-            prev.bindValue(1, r.utcMs);
-            if (!prev.exec())
-                return fail(prev.lastError());
-            if (prev.next()) {
-                ChipMet m;
-                m.now = r;
-                m.now.id = ins.lastInsertId().toLongLong();
-                m.before = rowOf(prev);
-                count.bindValue(0, r.chipId);
-                count.bindValue(1, r.utcMs);
-                if (!count.exec() || !count.next())
-                    return fail(count.lastError());
-                m.times = count.value(0).toLongLong();
-                count.finish();
-                met->append(m);
-            }
-            prev.finish();
-        }
+    auto failNative = [&] {
+        *error = nativeError(&m_damaged);
+        return end();
+    };
+    auto failQt = [&](const QSqlError &e) {
+        m_damaged = isDamage(e);
+        *error = QStringLiteral("%1: %2").arg(QDir::toNativeSeparators(m_path), textOf(e));
+        return end();
+    };
+    if (!inTransaction) {
+        if (step(st.begin) != SQLITE_DONE)
+            return failNative();
+        inTransaction = true;
     }
-    if (!db.commit())
-        return fail(db.lastError());
+    qint64 added = 0;
+    sqlite3_stmt *ins = st.insert;
+    QByteArray key;
+    for (const ChipRow &r : rows) {
+        key = r.key.isEmpty() ? ChipRowKey(r) : r.key;
+        sqlite3_bind_blob(ins, 1, key.constData(), int(key.size()), SQLITE_STATIC);
+        sqlite3_bind_int64(ins, 2, r.utcMs);
+        bindText(ins, 3, r.local, st.text[3]);
+        bindText(ins, 4, r.station, st.text[4]);
+        bindText(ins, 5, r.port, st.text[5]);
+        bindText(ins, 6, r.chipId, st.text[6]);
+        bindText(ins, 7, r.order, st.text[7]);
+        bindText(ins, 8, r.image, st.text[8]);
+        sqlite3_bind_int64(ins, 9, r.length);
+        bindText(ins, 10, r.sha256, st.text[10]);
+        sqlite3_bind_int64(ins, 11, r.durationMs);
+        sqlite3_bind_int64(ins, 12, r.retries);
+        bindText(ins, 13, r.result, st.text[13]);
+        bindText(ins, 14, r.version, st.text[14]);
+        const int rc = sqlite3_step(ins);
+        if (rc != SQLITE_DONE) {
+            // The reason is read before the reset, which would keep only the code.
+            const qint64 failed = failNative();
+            sqlite3_reset(ins);
+            return failed;
+        }
+        const bool stored = sqlite3_changes(st.handle) == 1;
+        const qint64 id = sqlite3_last_insert_rowid(st.handle);
+        sqlite3_reset(ins);
+        if (!stored)
+            continue;
+        ++added;
+        if (!met)
+            continue;
+        st.prev.bindValue(0, r.chipId);
+        st.prev.bindValue(1, r.utcMs);
+        if (!st.prev.exec())
+            return failQt(st.prev.lastError());
+        if (st.prev.next()) {
+            ChipMet m;
+            m.now = r;
+            m.now.id = id;
+            m.before = rowOf(st.prev);
+            st.count.bindValue(0, r.chipId);
+            st.count.bindValue(1, r.utcMs);
+            if (!st.count.exec() || !st.count.next())
+                return failQt(st.count.lastError());
+            m.times = st.count.value(0).toLongLong();
+            st.count.finish();
+            met->append(m);
+        }
+        // A statement left open would hold its read of the file.
+        st.prev.finish();
+    }
+    sqlite3_clear_bindings(ins);
+    if (!m_batch && step(st.commit) != SQLITE_DONE)
+        return failNative();
     return added;
 }
 
@@ -462,45 +638,80 @@ QList<ChipRow> SqliteChipStore::newerThan(const ChipQuery &query, qint64 id, QSt
 
 bool SqliteChipStore::summary(const ChipQuery &query, ChipSummary *out, QString *error)
 {
-    *out = ChipSummary{};
-    if (!m_open)
-        return false;
-    const Where w = whereOf(query);
-    QSqlQuery q(QSqlDatabase::database(m_conn, false));
-    if (!run(q, QStringLiteral("SELECT count(*), total(result = 'done'), total(retries), min(t_utc - duration_ms), max(t_utc) "
-                               "FROM chips WHERE %1").arg(w.sql), w.binds, error) || !q.next())
-        return false;
-    out->chips = q.value(0).toLongLong();
-    out->good = qint64(q.value(1).toDouble());
-    out->failed = out->chips - out->good;
-    out->retries = qint64(q.value(2).toDouble());
-    out->firstMs = q.value(3).toLongLong();
-    out->lastMs = q.value(4).toLongLong();
-    q.finish();
-    if (out->chips == 0)
-        return true;
-    QVariantList binds = w.binds;
-    binds << (out->chips - 1) / 2;
-    if (!run(q, QStringLiteral("SELECT duration_ms FROM chips WHERE %1 ORDER BY duration_ms LIMIT 1 OFFSET ?").arg(w.sql), binds, error)
-        || !q.next())
-        return false;
-    out->medianDurationMs = q.value(0).toLongLong();
-    return true;
+    return stats(query, out, nullptr, error);
 }
 
 QList<HourCount> SqliteChipStore::hourly(const ChipQuery &query, QString *error)
 {
     QList<HourCount> hours;
-    if (!m_open)
-        return hours;
-    const Where w = whereOf(query);
-    QSqlQuery q(QSqlDatabase::database(m_conn, false));
-    if (!run(q, QStringLiteral("SELECT t_utc / 3600000, total(result = 'done'), total(result <> 'done') FROM chips WHERE %1 "
-                               "GROUP BY 1 ORDER BY 1").arg(w.sql), w.binds, error))
-        return hours;
-    while (q.next())
-        hours.append({q.value(0).toLongLong() * 3600000, qint64(q.value(1).toDouble()), qint64(q.value(2).toDouble())});
+    stats(query, nullptr, &hours, error);
     return hours;
+}
+
+bool SqliteChipStore::summaryAndHours(const ChipQuery &query, ChipSummary *out, QList<HourCount> *hours, QString *error)
+{
+    return stats(query, out, hours, error);
+}
+
+// One pass by the hour gives the picture and the summary's sums; the median
+// is one more step, along the durations' index.
+bool SqliteChipStore::stats(const ChipQuery &query, ChipSummary *out, QList<HourCount> *hours, QString *error)
+{
+    ChipSummary s;
+    if (out)
+        *out = s;
+    if (hours)
+        hours->clear();
+    if (!m_open) {
+        if (error)
+            *error = QStringLiteral("the chip store is not open");
+        return false;
+    }
+    const Where w = whereOf(query);
+    // The span again as hours, which lets the hour index seek to it.
+    Where byHour = w;
+    if (query.since) {
+        byHour.sql += QStringLiteral(" AND t_utc / 3600000 >= ?");
+        byHour.binds << *query.since / 3600000;
+    }
+    if (query.until) {
+        byHour.sql += QStringLiteral(" AND t_utc / 3600000 <= ?");
+        byHour.binds << (*query.until - 1) / 3600000;
+    }
+    QSqlQuery q(QSqlDatabase::database(m_conn, false));
+    if (!run(q, QStringLiteral("SELECT t_utc / 3600000, count(*), total(result = 'done'), total(retries), "
+                               "min(t_utc - duration_ms), max(t_utc) FROM chips WHERE %1 GROUP BY 1 ORDER BY 1").arg(byHour.sql),
+             byHour.binds, error))
+        return false;
+    while (q.next()) {
+        const qint64 n = q.value(1).toLongLong(), good = qint64(q.value(2).toDouble());
+        const qint64 first = q.value(4).toLongLong(), last = q.value(5).toLongLong();
+        s.firstMs = s.chips ? std::min(s.firstMs, first) : first;
+        s.lastMs = s.chips ? std::max(s.lastMs, last) : last;
+        s.chips += n;
+        s.good += good;
+        s.retries += qint64(q.value(3).toDouble());
+        if (hours)
+            hours->append({q.value(0).toLongLong() * 3600000, good, n - good});
+    }
+    if (q.lastError().isValid()) {
+        if (error)
+            *error = textOf(q.lastError());
+        return false;
+    }
+    q.finish();
+    s.failed = s.chips - s.good;
+    if (out && s.chips > 0) {
+        QVariantList binds = w.binds;
+        binds << (s.chips - 1) / 2;
+        if (!run(q, QStringLiteral("SELECT duration_ms FROM chips WHERE %1 ORDER BY duration_ms LIMIT 1 OFFSET ?").arg(w.sql),
+                 binds, error) || !q.next())
+            return false;
+        s.medianDurationMs = q.value(0).toLongLong();
+    }
+    if (out)
+        *out = s;
+    return true;
 }
 
 } // namespace pyro

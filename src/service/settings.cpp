@@ -1,4 +1,5 @@
 #include "settings.h"
+#include "csvtext.h"
 #include "frame.h"
 #include "image.h"
 
@@ -11,14 +12,6 @@
 namespace pyro {
 
 namespace {
-
-QString stripTrailing(const QString &s)
-{
-    qsizetype n = s.size();
-    while (n > 0 && s[n - 1].isSpace())
-        --n;
-    return s.left(n);
-}
 
 QString floatText(float f)
 {
@@ -101,7 +94,7 @@ TableIdentity IdentifyTable(const Params &p)
         const QStringList parts{QString::number(s.row), s.group, s.caption, QString::number(r.Addr),
                                 QString::number(r.Width), QString::number(r.Decimals), QString::number(r.BitIndex),
                                 QString::number(r.IsList), QString::number(r.IsFloat), QString::number(r.Scale),
-                                stripTrailing(r.Labels), stripTrailing(r.Values)};
+                                StripTrailing(r.Labels), StripTrailing(r.Values)};
         h.addData(QByteArray("\n"));
         h.addData(parts.join(QChar(0x1F)).toUtf8());
         ++id.rows;

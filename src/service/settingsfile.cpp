@@ -1,4 +1,5 @@
 #include "settingsfile.h"
+#include "csvtext.h"
 #include "fileguard.h"
 #include "frame.h"
 #include "gridedit.h"
@@ -18,27 +19,11 @@ const QString kFormatName = QStringLiteral("pyrolink-settings");
 constexpr int kFormatVersion = 1;
 const QStringList kCsvColumns{"row", "group", "caption", "value", "unit", "stored"};
 
-QString stripTrailing(const QString &s)
-{
-    qsizetype n = s.size();
-    while (n > 0 && s[n - 1].isSpace())
-        --n;
-    return s.left(n);
-}
-
 QString jsonString(const QString &s)
 {
     // Qt's own escaping, without the brackets of the array it needs.
     const QByteArray a = QJsonDocument(QJsonArray{s}).toJson(QJsonDocument::Compact);
     return QString::fromUtf8(a.mid(1, a.size() - 2));
-}
-
-QString csvField(const QString &s)
-{
-    if (!s.contains(QLatin1Char(',')) && !s.contains(QLatin1Char('"')) && !s.contains(QLatin1Char('\n'))
-        && !s.contains(QLatin1Char('\r')) && s.trimmed() == s)
-        return s;
-    return QLatin1Char('"') + QString(s).replace(QLatin1String("\""), QLatin1String("\"\"")) + QLatin1Char('"');
 }
 
 bool fail(ImportDiag &d, int line, const QString &reason)
@@ -193,54 +178,19 @@ struct CsvRecord {
 
 bool csvRecords(const QString &text, QList<CsvRecord> &out, ImportDiag &d)
 {
+    qsizetype pos = 0;
     int line = 1;
-    qsizetype i = 0;
-    const qsizetype n = text.size();
-    while (i < n) {
+    for (;;) {
         CsvRecord rec;
         rec.line = line;
-        QString field;
-        bool quoted = false;
-        bool ended = false;
-        while (!ended) {
-            if (i >= n) {
-                if (quoted)
-                    return fail(d, rec.line, QStringLiteral("a quoted field is not closed (cut short?)"));
-                rec.fields << field;
-                ended = true;
-                break;
-            }
-            const QChar c = text[i++];
-            if (quoted) {
-                if (c == QLatin1Char('"')) {
-                    if (i < n && text[i] == QLatin1Char('"')) {
-                        field += c;
-                        ++i;
-                    } else {
-                        quoted = false;
-                    }
-                } else {
-                    if (c == QLatin1Char('\n'))
-                        ++line;
-                    field += c;
-                }
-            } else if (c == QLatin1Char('"') && field.isEmpty()) {
-                quoted = true;
-            } else if (c == QLatin1Char(',')) {
-                rec.fields << field;
-                field.clear();
-            } else if (c == QLatin1Char('\n')) {
-                ++line;
-                rec.fields << field;
-                ended = true;
-            } else if (c != QLatin1Char('\r')) {
-                field += c;
-            }
-        }
+        const CsvRead r = ReadCsvRecord(text, &pos, &line, &rec.fields);
+        if (r == CsvRead::End)
+            return true;
+        if (r == CsvRead::Unclosed)
+            return fail(d, rec.line, QStringLiteral("a quoted field is not closed (cut short?)"));
         if (!(rec.fields.size() == 1 && rec.fields[0].trimmed().isEmpty()))
             out << rec;
     }
-    return true;
 }
 
 bool parseCsv(const QByteArray &bytes, SettingsFileData &out, ImportDiag &d)
@@ -328,7 +278,7 @@ QString checkValue(const Params &p, const SettingRow &s, const QString &value)
         return kNoRangeTitle + QLatin1Char(' ') + kNoRangeText;
     const double x = LeadingNumber(v);
     if (x < LeadingNumber(range[0]) || x > LeadingNumber(range[1]))
-        return kRangeErrorText + range[0] + QLatin1Char('-') + stripTrailing(range[1]);
+        return kRangeErrorText + range[0] + QLatin1Char('-') + StripTrailing(range[1]);
     return {};
 }
 
@@ -361,12 +311,12 @@ QByteArray ExportSettings(const Params &p, const QByteArray &block, SettingsForm
     } else {
         out += QStringLiteral("%1,%2\n").arg(kFormatName).arg(kFormatVersion);
         out += QStringLiteral("table,%1\nblock_size,%2\nrows,%3\nlayout,%4\nsource,%5\n")
-                   .arg(csvField(tableName)).arg(id.blockSize).arg(id.rows).arg(id.layout, csvField(source));
+                   .arg(CsvField(tableName, true)).arg(id.blockSize).arg(id.rows).arg(id.layout, CsvField(source, true));
         out += kCsvColumns.join(QLatin1Char(',')) + QLatin1Char('\n');
         for (const SettingRow &s : rows) {
             const SettingValue v = ValueAt(p, s, block);
-            out += QStringList{QString::number(s.row), csvField(s.group), csvField(s.caption), csvField(v.shown),
-                               csvField(s.unit), csvField(v.stored)}.join(QLatin1Char(','))
+            out += QStringList{QString::number(s.row), CsvField(s.group, true), CsvField(s.caption, true), CsvField(v.shown, true),
+                               CsvField(s.unit, true), CsvField(v.stored, true)}.join(QLatin1Char(','))
                 + QLatin1Char('\n');
         }
     }

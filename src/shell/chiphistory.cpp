@@ -141,13 +141,23 @@ bool ChipRecords::lineDown() const
 ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, QWidget *parent)
     : QWidget(parent, Qt::Window), m_records(records), m_prompter(prompter)
 {
-    if (records.choice().line.isSet()) {
-        PgChipStore::Options po;
-        po.create = false;
-        m_store = std::make_unique<PgChipStore>(records.choice().line, po);
-    } else {
-        m_store = std::make_unique<SqliteChipStore>(records.storePath(), SqliteChipStore::Options{false, false, 250});
-    }
+    const RecordsChoice choice = records.choice();
+    const QString path = records.storePath();
+    // Each connection its own store of the same kind: the table's here, the
+    // summary's on the stats worker's thread.
+    auto makeStore = [choice, path]() -> std::unique_ptr<ChipStore> {
+        if (choice.line.isSet()) {
+            PgChipStore::Options po;
+            po.create = false;
+            return std::make_unique<PgChipStore>(choice.line, po);
+        }
+        return std::make_unique<SqliteChipStore>(path, SqliteChipStore::Options{false, false, 250});
+    };
+    m_store = makeStore();
+    // The summary of a million rows takes a while: it is worked out beside
+    // the window, which pages its table from its own connection meanwhile.
+    m_stats = new ChipStatsWorker(makeStore, this);
+    connect(m_stats, &ChipStatsWorker::ready, this, &ChipHistoryWindow::showStats);
     setObjectName(QStringLiteral("ChipHistory"));
     setWindowTitle(tr("Chip history"));
     resize(1000, 640);
@@ -267,32 +277,34 @@ void ChipHistoryWindow::applyFilter()
     const bool dayOk = m_day->text().trimmed().isEmpty()
         || QDate::fromString(m_day->text().trimmed(), QStringLiteral("yyyy-MM-dd")).isValid();
     m_day->setStyleSheet(dayOk ? QString() : QStringLiteral("color: #B02020"));
-    if (!ensureOpen()) {
-        m_model->setQuery(currentQuery());
-        return;
-    }
+    const bool open = ensureOpen();
     m_model->setQuery(currentQuery());
-    // The table paints first; the summary and picture of a million rows follow.
-    QTimer::singleShot(0, this, &ChipHistoryWindow::refreshSummary);
+    if (!open)
+        return;
+    m_summary->setText(tr("Summing up the chips shown..."));
+    refreshSummary();
 }
 
 void ChipHistoryWindow::refreshSummary()
 {
-    if (!m_store->isOpen())
-        return;
-    ChipSummary s;
-    QString error;
-    if (!m_store->summary(m_model->query(), &s, &error)) {
-        m_summary->setText(error);
+    if (m_store->isOpen())
+        m_stats->request(m_model->query());
+}
+
+void ChipHistoryWindow::showStats(const ChipStats &stats)
+{
+    if (!stats.error.isEmpty()) {
+        m_summary->setText(stats.error);
         return;
     }
+    const ChipSummary &s = stats.summary;
     m_summary->setText(tr("%1 chips, %2 good, %3 not done, yield %4%, %5 chips an hour, median %6 s, %7 retries")
                            .arg(s.chips).arg(s.good).arg(s.failed)
                            .arg(s.yield() * 100.0, 0, 'f', 1)
                            .arg(s.chipsAnHour(), 0, 'f', 1)
                            .arg(double(s.medianDurationMs) / 1000.0, 0, 'f', 3)
                            .arg(s.retries));
-    m_chart->setHours(m_store->hourly(m_model->query(), &error));
+    m_chart->setHours(stats.hours);
 }
 
 void ChipHistoryWindow::follow()

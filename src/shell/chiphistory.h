@@ -5,6 +5,7 @@
 #include "chipwriter.h"
 #include "recordsconfig.h"
 #include "sqlitestore.h"
+#include "statsworker.h"
 
 #include <QTimer>
 #include <QWidget>
@@ -81,6 +82,7 @@ public:
     QLineEdit *dayEdit() const { return m_day; }
     QLineEdit *portEdit() const { return m_port; }
     QComboBox *resultBox() const { return m_result; }
+    ChipStatsWorker *stats() const { return m_stats; }
     // The filter typed so far, at once rather than after the typing pause.
     void applyFilter();
     // Rows stored since, on top; the summary and picture again if any.
@@ -94,12 +96,14 @@ protected:
 private:
     ChipQuery currentQuery() const;
     void refreshSummary();
+    void showStats(const ChipStats &stats);
     void showNews();
     bool ensureOpen();
 
     ChipRecords &m_records;
     Prompter *m_prompter;
     std::unique_ptr<ChipStore> m_store;   // the line's when chosen, else the bench's
+    ChipStatsWorker *m_stats;
     ChipTableModel *m_model;
     QTableView *m_table;
     HourChart *m_chart;

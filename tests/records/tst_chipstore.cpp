@@ -1,6 +1,7 @@
 #include "burnbench.h"
 #include "chipwriter.h"
 #include "sqlitestore.h"
+#include "statsworker.h"
 
 #include <QCryptographicHash>
 #include <QJsonDocument>
@@ -8,9 +9,13 @@
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QSqlDatabase>
+#include <QSqlError>
 #include <QSqlQuery>
 #include <QtTest>
 #include <csignal>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 using namespace pyro;
@@ -28,6 +33,32 @@ bool writeAll(const QString &path, const QByteArray &bytes)
     QFile f(path);
     return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
 }
+
+// A file or folder that not even root may change: the immutable flag, where
+// the file system has it and the process may set it. Cleared when it goes.
+struct Immutable {
+    QStringList paths;
+    bool set(const QString &path, bool on)
+    {
+        const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK);
+        if (fd < 0)
+            return false;
+        int flags = 0;
+        bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+        ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+        ::close(fd);
+        if (ok && on)
+            paths << path;
+        return ok;
+    }
+    void clear()
+    {
+        for (const QString &p : std::exchange(paths, {}))
+            set(p, false);
+    }
+    ~Immutable() { clear(); }
+};
 
 // Ticks the event loop's clock through a writer's hand-off until cond holds.
 bool waitFor(const std::function<bool()> &cond, int ms = 10000)
@@ -160,6 +191,11 @@ private slots:
     void importRefusesLineByLine();
     void importTwiceAddsNothing();
     void queriesAndSummary();
+    void keyIsStable();
+    void statsMatchTheRows_data();
+    void statsMatchTheRows();
+    void olderSchemaUpgraded();
+    void statsWorkerAnswersTheNewest();
     void storeFaults_data();
     void storeFaults();
     void damagedFileSetAside_data();
@@ -333,6 +369,241 @@ void TstChipStore::queriesAndSummary()
     QCOMPARE(sum.chips, 10);
 }
 
+// The key decides what "stored already" means for stores made by earlier
+// releases: its digest must never change.
+void TstChipStore::keyIsStable()
+{
+    ChipRow r;
+    r.station = "BENCH-1";
+    r.local = "2026-11-23 09:30:07";
+    r.port = "COM4";
+    r.chipId = "00000000000000000000000A";
+    r.order = "K700";
+    r.image = "/bench/fw.BIN";
+    r.length = 3000;
+    r.sha256 = QString(64, 'a');
+    r.durationMs = 4010;
+    r.retries = 1;
+    r.result = "done";
+    QCOMPARE(ChipRowKey(r).toHex(), QByteArray("8bfd32e5e328954de4f3f918d95e46b6"));
+    r.station = QStringLiteral("站");
+    r.port.clear();
+    r.order = QStringLiteral("订单,\"x\"");
+    r.image.clear();
+    r.length = 0;
+    r.durationMs = 0;
+    r.retries = 0;
+    r.result = "failed";
+    QCOMPARE(ChipRowKey(r).toHex(), QByteArray("148a8035651510d24070481aaec677fc"));
+}
+
+void TstChipStore::statsMatchTheRows_data()
+{
+    QTest::addColumn<QString>("chip");
+    QTest::addColumn<QString>("port");
+    QTest::addColumn<QString>("order");
+    QTest::addColumn<QString>("result");
+    QTest::addColumn<qint64>("since");      // minutes after the first chip; -1 none
+    QTest::addColumn<qint64>("until");
+    QTest::newRow("everything") << "" << "" << "" << "" << -1LL << -1LL;
+    QTest::newRow("a span not on the hour") << "" << "" << "" << "" << 97LL << 1001LL;
+    QTest::newRow("since only") << "" << "" << "" << "" << 2000LL << -1LL;
+    QTest::newRow("until only, inside the first hour") << "" << "" << "" << "" << -1LL << 17LL;
+    QTest::newRow("port typed") << "" << "COM1" << "" << "" << -1LL << -1LL;
+    QTest::newRow("failed in a span") << "" << "" << "" << "failed" << 300LL << 2500LL;
+    QTest::newRow("identity typed") << "00000000000000000000001" << "" << "" << "" << -1LL << -1LL;
+    QTest::newRow("an order") << "" << "" << "K2" << "" << -1LL << -1LL;
+    QTest::newRow("nothing") << "" << "COM9" << "" << "" << -1LL << -1LL;
+}
+
+// The summary and the hourly counts, whichever index answers them, say what
+// the rows say when counted one by one.
+void TstChipStore::statsMatchTheRows()
+{
+    QFETCH(QString, chip);
+    QFETCH(QString, port);
+    QFETCH(QString, order);
+    QFETCH(QString, result);
+    QFETCH(qint64, since);
+    QFETCH(qint64, until);
+    QTemporaryDir dir;
+    SqliteChipStore s(dir.filePath("c.sqlite"));
+    QVERIFY(s.open(nullptr));
+    QList<ChipRow> rows;
+    const qint64 t0 = QDateTime(QDate(2026, 11, 23), QTime(7, 40), Qt::UTC).toMSecsSinceEpoch();
+    QRandomGenerator rng(21);
+    for (int i = 0; i < 600; ++i) {
+        ChipRow r = sampleRow(i);
+        r.utcMs = t0 + qint64(i) * 5 * 60000 + rng.bounded(60000);   // two days and a bit
+        r.local = QDateTime::fromMSecsSinceEpoch(r.utcMs).toString("yyyy-MM-dd HH:mm:ss");
+        r.port = QStringLiteral("COM%1").arg(1 + rng.bounded(12));
+        r.order = QStringLiteral("K%1").arg(i / 200 + 1);
+        r.durationMs = 3000 + rng.bounded(5000);
+        r.retries = rng.bounded(3);
+        r.result = rng.bounded(7) == 0 ? "failed" : "done";
+        r.key = ChipRowKey(r);
+        rows << r;
+    }
+    QCOMPARE(s.append(rows, nullptr, nullptr), rows.size());
+
+    ChipQuery q;
+    q.prefix = true;
+    q.chipId = chip;
+    q.port = port;
+    q.order = order;
+    q.result = result;
+    if (since >= 0)
+        q.since = t0 + since * 60000;
+    if (until >= 0)
+        q.until = t0 + until * 60000;
+    ChipSummary want;
+    QMap<qint64, HourCount> wantHours;
+    QList<qint64> durations;
+    for (const ChipRow &r : rows) {
+        if (!r.chipId.startsWith(chip) || !r.port.startsWith(port) || !r.order.startsWith(order)
+            || (!result.isEmpty() && r.result != result) || (q.since && r.utcMs < *q.since) || (q.until && r.utcMs >= *q.until))
+            continue;
+        const qint64 start = r.utcMs - r.durationMs;
+        want.firstMs = want.chips ? std::min(want.firstMs, start) : start;
+        want.lastMs = want.chips ? std::max(want.lastMs, r.utcMs) : r.utcMs;
+        ++want.chips;
+        want.good += r.result == "done";
+        want.retries += r.retries;
+        durations << r.durationMs;
+        HourCount &h = wantHours[r.utcMs / 3600000];
+        h.hourMs = r.utcMs / 3600000 * 3600000;
+        (r.result == "done" ? h.good : h.failed) += 1;
+    }
+    want.failed = want.chips - want.good;
+    std::sort(durations.begin(), durations.end());
+    want.medianDurationMs = durations.isEmpty() ? 0 : durations[(durations.size() - 1) / 2];
+
+    ChipSummary got;
+    QList<HourCount> hours;
+    QString error;
+    QVERIFY2(s.summaryAndHours(q, &got, &hours, &error), qPrintable(error));
+    QCOMPARE(got.chips, want.chips);
+    QCOMPARE(got.good, want.good);
+    QCOMPARE(got.failed, want.failed);
+    QCOMPARE(got.retries, want.retries);
+    QCOMPARE(got.firstMs, want.firstMs);
+    QCOMPARE(got.lastMs, want.lastMs);
+    QCOMPARE(got.medianDurationMs, want.medianDurationMs);
+    QCOMPARE(hours.size(), wantHours.size());
+    int k = 0;
+    for (const HourCount &h : std::as_const(wantHours)) {
+        QCOMPARE(hours[k].hourMs, h.hourMs);
+        QCOMPARE(hours[k].good, h.good);
+        QCOMPARE(hours[k].failed, h.failed);
+        ++k;
+    }
+    // The two questions apart give the same answers.
+    ChipSummary alone;
+    QVERIFY(s.summary(q, &alone, nullptr));
+    QCOMPARE(alone.medianDurationMs, got.medianDurationMs);
+    QCOMPARE(s.hourly(q, nullptr).size(), hours.size());
+}
+
+// A store of the first release: read as it is by a reader, upgraded by a
+// writer, its chips kept.
+void TstChipStore::olderSchemaUpgraded()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("chips.sqlite");
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "first-release");
+        db.setDatabaseName(path);
+        QVERIFY(db.open());
+        QSqlQuery q(db);
+        for (const char *const *st = kSqliteSchema[0]; *st; ++st)
+            QVERIFY2(q.exec(QString::fromLatin1(*st)), qPrintable(q.lastError().text()));
+        QVERIFY(q.exec("PRAGMA user_version = 1"));
+        q = QSqlQuery();
+        db.close();
+    }
+    QSqlDatabase::removeDatabase("first-release");
+    auto indexes = [&] {
+        QStringList names;
+        QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "look");
+        db.setDatabaseName(path);
+        if (db.open()) {
+            QSqlQuery q("SELECT name FROM sqlite_master WHERE type = 'index' AND sql IS NOT NULL ORDER BY name", db);
+            while (q.next())
+                names << q.value(0).toString();
+        }
+        db.close();
+        db = {};
+        QSqlDatabase::removeDatabase("look");
+        return names;
+    };
+    QList<ChipRow> rows;
+    for (int i = 0; i < 20; ++i)
+        rows << sampleRow(i);
+    {
+        SqliteChipStore::Options o;
+        o.create = false;
+        SqliteChipStore reader(path, o);
+        QVERIFY(reader.open(nullptr));
+        QCOMPARE(reader.version(), 1);
+        QCOMPARE(reader.append(rows, nullptr, nullptr), 20);
+        ChipSummary sum;
+        QVERIFY(reader.summary({}, &sum, nullptr));
+        QCOMPARE(sum.chips, 20);
+    }
+    QCOMPARE(indexes(), QStringList({"chips_chip", "chips_order", "chips_time"}));
+    {
+        SqliteChipStore writer(path);
+        QVERIFY(writer.open(nullptr));
+        QCOMPARE(writer.version(), kSqliteSchemaVersion);
+        QCOMPARE(writer.append(rows, nullptr, nullptr), 0);
+    }
+    QCOMPARE(indexes(), QStringList({"chips_chip", "chips_duration", "chips_hour", "chips_order", "chips_time"}));
+    QCOMPARE(allRows(path).size(), 20);
+}
+
+// The window's summary beside it: a request made while an older one waits or
+// runs is the one answered; a store that comes later is found.
+void TstChipStore::statsWorkerAnswersTheNewest()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("chips.sqlite");
+    QList<ChipStats> answers;
+    {
+        ChipStatsWorker w([path] { return std::make_unique<SqliteChipStore>(path, SqliteChipStore::Options{false, false, 250}); });
+        connect(&w, &ChipStatsWorker::ready, this, [&](const ChipStats &st) { answers << st; });
+        w.request({});
+        QTRY_VERIFY(!w.waiting());
+        QCOMPARE(answers.size(), 1);
+        QVERIFY2(answers[0].error.contains("no chip store"), qPrintable(answers[0].error));
+
+        {
+            SqliteChipStore s(path);
+            QVERIFY(s.open(nullptr));
+            QList<ChipRow> rows;
+            for (int i = 0; i < 3000; ++i)
+                rows << sampleRow(i);
+            QCOMPARE(s.append(rows, nullptr, nullptr), 3000);
+        }
+        answers.clear();
+        ChipQuery failed;
+        failed.result = "failed";
+        for (int i = 0; i < 5; ++i)
+            w.request({});
+        const quint64 last = w.request(failed);
+        QTRY_VERIFY(!w.waiting());
+        QThread::msleep(100);
+        QCoreApplication::processEvents();
+        QCOMPARE(answers.size(), 1);
+        QCOMPARE(answers[0].ticket, last);
+        QVERIFY2(answers[0].error.isEmpty(), qPrintable(answers[0].error));
+        QCOMPARE(answers[0].summary.chips, 300);
+        QCOMPARE(answers[0].summary.good, 0);
+        QVERIFY(!answers[0].hours.isEmpty());
+        w.request({});   // still running when the window goes: its end waits for it
+    }
+    QCOMPARE(answers.size(), 1);
+}
+
 void TstChipStore::storeFaults_data()
 {
     QTest::addColumn<QString>("fault");
@@ -346,9 +617,8 @@ void TstChipStore::storeFaults_data()
 void TstChipStore::storeFaults()
 {
     QFETCH(QString, fault);
-    if (fault == "readonly" && geteuid() == 0)
-        QSKIP("root writes read-only files");
     StoreBench b;
+    Immutable immutable;
     b.open();
     QVERIFY(b.burnOne());
     QVERIFY(waitFor([&] { return b.writer->pending() == 0; }));
@@ -362,8 +632,14 @@ void TstChipStore::storeFaults()
         QVERIFY(QSqlQuery(*other).exec("BEGIN EXCLUSIVE"));
     } else if (fault == "readonly") {
         b.writer.reset();
-        QFile::setPermissions(path, QFile::ReadOwner);
-        QFile::setPermissions(b.folder, QFile::ReadOwner | QFile::ExeOwner);
+        if (geteuid() == 0) {
+            // Root writes files whatever their permissions say.
+            if (!immutable.set(path, true) || !immutable.set(b.folder, true))
+                QSKIP("root writes read-only files, and the immutable flag can't be set here");
+        } else {
+            QFile::setPermissions(path, QFile::ReadOwner);
+            QFile::setPermissions(b.folder, QFile::ReadOwner | QFile::ExeOwner);
+        }
         b.startWriter();
     } else {
         // Every write of the store's journal fails as on a full disk.
@@ -388,6 +664,7 @@ void TstChipStore::storeFaults()
         other.reset();
         QSqlDatabase::removeDatabase(conn);
     } else if (fault == "readonly") {
+        immutable.clear();
         QFile::setPermissions(b.folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
     } else {
