@@ -1,4 +1,5 @@
 #include "pgstore.h"
+#include "sqlrows.h"
 
 #include <QHash>
 #include <QSqlDatabase>
@@ -33,27 +34,6 @@ QString textOf(const QSqlError &e)
     if (t.isEmpty())
         t = e.text().trimmed();
     return t.simplified();
-}
-
-ChipRow rowOf(const QSqlQuery &q)
-{
-    ChipRow r;
-    r.id = q.value(0).toLongLong();
-    r.key = q.value(1).toByteArray();
-    r.utcMs = q.value(2).toLongLong();
-    r.local = q.value(3).toString();
-    r.station = q.value(4).toString();
-    r.port = q.value(5).toString();
-    r.chipId = q.value(6).toString();
-    r.order = q.value(7).toString();
-    r.image = q.value(8).toString();
-    r.length = q.value(9).toLongLong();
-    r.sha256 = q.value(10).toString();
-    r.durationMs = q.value(11).toLongLong();
-    r.retries = q.value(12).toInt();
-    r.result = q.value(13).toString();
-    r.version = q.value(14).toString();
-    return r;
 }
 
 QString text(const QString &s)
@@ -360,7 +340,7 @@ qint64 PgChipStore::append(const QList<ChipRow> &rows, QList<ChipMet> *met, QStr
                 ChipMet m;
                 m.now = r;
                 m.now.id = *it;
-                m.before = rowOf(prev);
+                m.before = ChipRowFromQuery(prev);
                 count.addBindValue(text(r.chipId));
                 count.addBindValue(r.utcMs);
                 if (!count.exec() || !count.next())
@@ -419,7 +399,7 @@ bool PgChipStore::select(const ChipQuery &query, const std::function<bool(const 
         }
         int n = 0;
         while (q.next()) {
-            const ChipRow r = rowOf(q);
+            const ChipRow r = ChipRowFromQuery(q);
             ++n;
             if (!each(r))
                 return true;
@@ -451,7 +431,7 @@ QList<ChipRow> PgChipStore::page(const ChipQuery &query, std::optional<std::pair
         return rows;
     }
     while (q.next())
-        rows << rowOf(q);
+        rows << ChipRowFromQuery(q);
     return rows;
 }
 
@@ -472,7 +452,7 @@ QList<ChipRow> PgChipStore::newerThan(const ChipQuery &query, qint64 id, QString
         return rows;
     }
     while (q.next())
-        rows << rowOf(q);
+        rows << ChipRowFromQuery(q);
     return rows;
 }
 

@@ -1,4 +1,5 @@
 #include "sqlitestore.h"
+#include "sqlrows.h"
 
 #include <QDir>
 #include <QFile>
@@ -43,27 +44,6 @@ QString textOf(const QSqlError &e)
     if (c == kSqliteBusy || c == kSqliteLocked)
         t += QStringLiteral(" (another program holds it)");
     return t;
-}
-
-ChipRow rowOf(const QSqlQuery &q)
-{
-    ChipRow r;
-    r.id = q.value(0).toLongLong();
-    r.key = q.value(1).toByteArray();
-    r.utcMs = q.value(2).toLongLong();
-    r.local = q.value(3).toString();
-    r.station = q.value(4).toString();
-    r.port = q.value(5).toString();
-    r.chipId = q.value(6).toString();
-    r.order = q.value(7).toString();
-    r.image = q.value(8).toString();
-    r.length = q.value(9).toLongLong();
-    r.sha256 = q.value(10).toString();
-    r.durationMs = q.value(11).toLongLong();
-    r.retries = q.value(12).toInt();
-    r.result = q.value(13).toString();
-    r.version = q.value(14).toString();
-    return r;
 }
 
 // A beginning typed by the operator, as a GLOB pattern: case-sensitive, so
@@ -563,7 +543,7 @@ qint64 SqliteChipStore::append(const QList<ChipRow> &rows, QList<ChipMet> *met, 
             ChipMet m;
             m.now = r;
             m.now.id = id;
-            m.before = rowOf(st.prev);
+            m.before = ChipRowFromQuery(st.prev);
             st.count.bindValue(0, r.chipId);
             st.count.bindValue(1, r.utcMs);
             if (!st.count.exec() || !st.count.next())
@@ -593,7 +573,7 @@ bool SqliteChipStore::select(const ChipQuery &query, const std::function<bool(co
     if (!run(q, QStringLiteral("SELECT %1 FROM chips WHERE %2 ORDER BY t_utc, id").arg(QLatin1String(kColumns), w.sql), w.binds, error))
         return false;
     while (q.next())
-        if (!each(rowOf(q)))
+        if (!each(ChipRowFromQuery(q)))
             break;
     return true;
 }
@@ -615,7 +595,7 @@ QList<ChipRow> SqliteChipStore::page(const ChipQuery &query, std::optional<std::
              w.binds, error))
         return rows;
     while (q.next())
-        rows << rowOf(q);
+        rows << ChipRowFromQuery(q);
     return rows;
 }
 
@@ -632,7 +612,7 @@ QList<ChipRow> SqliteChipStore::newerThan(const ChipQuery &query, qint64 id, QSt
              w.binds, error))
         return rows;
     while (q.next())
-        rows << rowOf(q);
+        rows << ChipRowFromQuery(q);
     return rows;
 }
 

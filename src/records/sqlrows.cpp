@@ -1,0 +1,29 @@
+#include "sqlrows.h"
+
+#include <QSqlQuery>
+#include <QVariant>
+
+namespace pyro {
+
+ChipRow ChipRowFromQuery(const QSqlQuery &q)
+{
+    ChipRow r;
+    r.id = q.value(0).toLongLong();
+    r.key = q.value(1).toByteArray();
+    r.utcMs = q.value(2).toLongLong();
+    r.local = q.value(3).toString();
+    r.station = q.value(4).toString();
+    r.port = q.value(5).toString();
+    r.chipId = q.value(6).toString();
+    r.order = q.value(7).toString();
+    r.image = q.value(8).toString();
+    r.length = q.value(9).toLongLong();
+    r.sha256 = q.value(10).toString();
+    r.durationMs = q.value(11).toLongLong();
+    r.retries = q.value(12).toInt();
+    r.result = q.value(13).toString();
+    r.version = q.value(14).toString();
+    return r;
+}
+
+} // namespace pyro
