@@ -7,6 +7,8 @@
 
 namespace pyro {
 
+class ChipStoreThread;
+
 class ChipTableModel : public QAbstractTableModel {
     Q_OBJECT
 public:
@@ -16,11 +18,18 @@ public:
     explicit ChipTableModel(QObject *parent = nullptr) : QAbstractTableModel(parent) {}
     // The store is the caller's, used only on this model's thread.
     void setStore(ChipStore *store) { m_store = store; }
+    // Or a store on a thread of its own (a window's), which must end before
+    // the model: pages are asked for and go in when they come, and
+    // arrived() tells of new rows on top.
+    void setStoreThread(ChipStoreThread *thread) { m_thread = thread; }
     // Starts over with the first page of this query.
     void setQuery(const ChipQuery &q);
     const ChipQuery &query() const { return m_query; }
-    // Rows stored since the newest one shown go on top; their count.
+    // Rows stored since the newest one shown go on top; their count (with a
+    // store thread: 0, and arrived() once they are in).
     int followNew();
+    // With a store thread: no answer is still to come.
+    bool settled() const { return !m_fetching && !m_following; }
     const ChipRow &row(int i) const { return m_rows[i]; }
     QString lastError() const { return m_error; }
 
@@ -31,8 +40,18 @@ public:
     bool canFetchMore(const QModelIndex &parent) const override;
     void fetchMore(const QModelIndex &parent) override;
 
+signals:
+    // With a store thread: the first page of a query is in, or failed (error set).
+    void firstPage();
+    void arrived(int fresh);
+
 private:
+    void insertTop(const QList<ChipRow> &fresh);
+    void insertBottom(const QList<ChipRow> &page);
     ChipStore *m_store = nullptr;
+    ChipStoreThread *m_thread = nullptr;
+    quint64 m_ticket = 0;        // answers to an older query are dropped
+    bool m_fetching = false, m_following = false;
     ChipQuery m_query;
     QList<ChipRow> m_rows;
     bool m_more = false;

@@ -143,8 +143,8 @@ ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, Q
 {
     const RecordsChoice choice = records.choice();
     const QString path = records.storePath();
-    // Each connection its own store of the same kind: the table's here, the
-    // summary's on the stats worker's thread.
+    // Each connection its own store of the same kind, each on its own
+    // thread: the table's and the summary's.
     auto makeStore = [choice, path]() -> std::unique_ptr<ChipStore> {
         if (choice.line.isSet()) {
             PgChipStore::Options po;
@@ -153,7 +153,7 @@ ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, Q
         }
         return std::make_unique<SqliteChipStore>(path, SqliteChipStore::Options{false, false, 250});
     };
-    m_store = makeStore();
+    m_rows = std::make_unique<ChipStoreThread>(makeStore);
     // The summary of a million rows takes a while: it is worked out beside
     // the window, which pages its table from its own connection meanwhile.
     m_stats = new ChipStatsWorker(makeStore, this);
@@ -190,7 +190,9 @@ ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, Q
     layout->addLayout(filters);
 
     m_model = new ChipTableModel(this);
-    m_model->setStore(m_store.get());
+    m_model->setStoreThread(m_rows.get());
+    connect(m_model, &ChipTableModel::firstPage, this, &ChipHistoryWindow::pageArrived);
+    connect(m_model, &ChipTableModel::arrived, this, [this] { refreshSummary(); });
     m_table = new QTableView(this);
     m_table->setModel(m_model);
     m_table->setSelectionBehavior(QAbstractItemView::SelectRows);
@@ -232,21 +234,6 @@ ChipHistoryWindow::ChipHistoryWindow(ChipRecords &records, Prompter *prompter, Q
 
 ChipHistoryWindow::~ChipHistoryWindow() = default;
 
-bool ChipHistoryWindow::ensureOpen()
-{
-    if (m_store->isOpen())
-        return true;
-    QString error;
-    if (m_store->open(&error))
-        return true;
-    // A server that can't be reached costs its connect time on this thread:
-    // the window tries it again after a while, or when asked (a filter typed).
-    if (m_records.choice().line.isSet())
-        m_nextOpen = QDateTime::currentMSecsSinceEpoch() + 15000;
-    m_summary->setText(tr("No chips to show: %1").arg(error));
-    return false;
-}
-
 void ChipHistoryWindow::showEvent(QShowEvent *)
 {
     m_follow.start();
@@ -277,18 +264,26 @@ void ChipHistoryWindow::applyFilter()
     const bool dayOk = m_day->text().trimmed().isEmpty()
         || QDate::fromString(m_day->text().trimmed(), QStringLiteral("yyyy-MM-dd")).isValid();
     m_day->setStyleSheet(dayOk ? QString() : QStringLiteral("color: #B02020"));
-    const bool open = ensureOpen();
     m_model->setQuery(currentQuery());
-    if (!open)
+}
+
+// The first page of a query is in, or the store could not give it.
+void ChipHistoryWindow::pageArrived()
+{
+    if (!m_model->lastError().isEmpty()) {
+        // A server that can't be reached is asked again after a while, or
+        // when a filter is typed.
+        m_nextTry = QDateTime::currentMSecsSinceEpoch() + 15000;
+        m_summary->setText(tr("No chips to show: %1").arg(m_model->lastError()));
         return;
+    }
     m_summary->setText(tr("Summing up the chips shown..."));
     refreshSummary();
 }
 
 void ChipHistoryWindow::refreshSummary()
 {
-    if (m_store->isOpen())
-        m_stats->request(m_model->query());
+    m_stats->request(m_model->query());
 }
 
 void ChipHistoryWindow::showStats(const ChipStats &stats)
@@ -309,17 +304,15 @@ void ChipHistoryWindow::showStats(const ChipStats &stats)
 
 void ChipHistoryWindow::follow()
 {
-    if (!isVisible())
+    if (!isVisible() || !m_model->settled())
         return;
-    if (!m_store->isOpen()) {
-        if (m_records.lineDown() || QDateTime::currentMSecsSinceEpoch() < m_nextOpen)
+    if (!m_model->lastError().isEmpty()) {
+        if (m_records.lineDown() || QDateTime::currentMSecsSinceEpoch() < m_nextTry)
             return;
-        if (ensureOpen())
-            applyFilter();
+        applyFilter();
         return;
     }
-    if (m_model->followNew() > 0)
-        refreshSummary();
+    m_model->followNew();
 }
 
 void ChipHistoryWindow::showNews()
@@ -332,23 +325,30 @@ void ChipHistoryWindow::showNews()
     m_notice->setText(lines.join(QLatin1Char('\n')));
 }
 
-bool ChipHistoryWindow::exportCsv(const QString &path)
+void ChipHistoryWindow::exportCsv(const QString &path)
 {
-    if (!ensureOpen())
-        return false;
-    QSaveFile f(path);
-    QString error;
-    bool ok = f.open(QIODevice::WriteOnly);
-    if (ok) {
-        f.write((CsvJoin(ChipRowHeader()) + QStringLiteral("\r\n")).toUtf8());
-        ok = m_store->select(m_model->query(), [&](const ChipRow &r) {
-            return f.write((CsvJoin(ChipRowFields(r)) + QStringLiteral("\r\n")).toUtf8()) > 0;
-        }, &error);
-        ok = ok && f.commit();
-    }
-    if (!ok && m_prompter)
-        m_prompter->message(tr("Could not write %1: %2").arg(path, error.isEmpty() ? f.errorString() : error), QStringLiteral("Hint"));
-    return ok;
+    const ChipQuery q = m_model->query();
+    // The thread ends before the window, and an answer to a window gone is
+    // dropped by Qt.
+    m_rows->post([this, path, q](ChipStore *store, const QString &openError) {
+        QString error = openError;
+        QSaveFile f(path);
+        bool ok = store != nullptr && f.open(QIODevice::WriteOnly);
+        if (ok) {
+            f.write((CsvJoin(ChipRowHeader()) + QStringLiteral("\r\n")).toUtf8());
+            ok = store->select(q, [&](const ChipRow &r) {
+                return f.write((CsvJoin(ChipRowFields(r)) + QStringLiteral("\r\n")).toUtf8()) > 0;
+            }, &error);
+            ok = ok && f.commit();
+        }
+        if (!ok && error.isEmpty())
+            error = f.errorString();
+        QMetaObject::invokeMethod(this, [this, path, ok, error] {
+            if (!ok && m_prompter)
+                m_prompter->message(tr("Could not write %1: %2").arg(path, error), QStringLiteral("Hint"));
+            emit exported(ok);
+        }, Qt::QueuedConnection);
+    });
 }
 
 } // namespace pyro

@@ -6,6 +6,7 @@
 #include "recordsconfig.h"
 #include "sqlitestore.h"
 #include "statsworker.h"
+#include "storethread.h"
 
 #include <QTimer>
 #include <QWidget>
@@ -87,8 +88,12 @@ public:
     void applyFilter();
     // Rows stored since, on top; the summary and picture again if any.
     void follow();
-    // Writes every row the filter selects; false after a message.
-    bool exportCsv(const QString &path);
+    // Writes every row the filter selects, beside the window; exported()
+    // tells when it is done (a message said why when it failed).
+    void exportCsv(const QString &path);
+
+signals:
+    void exported(bool ok);
 
 protected:
     void showEvent(QShowEvent *) override;
@@ -98,11 +103,13 @@ private:
     void refreshSummary();
     void showStats(const ChipStats &stats);
     void showNews();
-    bool ensureOpen();
+    void pageArrived();
 
     ChipRecords &m_records;
     Prompter *m_prompter;
-    std::unique_ptr<ChipStore> m_store;   // the line's when chosen, else the bench's
+    // The table's own connection to the store (the line's when chosen, else
+    // the bench's), on a thread of its own so that the window never waits.
+    std::unique_ptr<ChipStoreThread> m_rows;
     ChipStatsWorker *m_stats;
     ChipTableModel *m_model;
     QTableView *m_table;
@@ -112,7 +119,7 @@ private:
     QComboBox *m_result;
     QTimer m_typing, m_follow;
     int m_newsSeen = 0, m_metSeen = 0;
-    qint64 m_nextOpen = 0;   // a store that would not open is not tried again before (ms since 1970)
+    qint64 m_nextTry = 0;    // a store that would not answer is not asked again before (ms since 1970)
 };
 
 } // namespace pyro
