@@ -169,11 +169,18 @@ int main(int argc, char **argv)
         ChipHistoryWindow w(records, nullptr);
         w.show();
         w.table()->viewport()->repaint();
+        const double shown = t.nsecsElapsed() / 1e6;
+        // The first page comes from the window's store thread.
+        while (!w.model()->settled() && t.elapsed() < 60000)
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 5);
+        w.table()->viewport()->repaint();
         const double firstPaint = t.nsecsElapsed() / 1e6;
         QElapsedTimer t2;
         t2.start();
         while (w.stats()->waiting() && t2.elapsed() < 60000)
             QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+        out << QStringLiteral("  history window: shown empty after %1 ms, the GUI thread never waiting on the store\n")
+                   .arg(shown, 0, 'f', 1);
         out << QStringLiteral("  history window: first paint %1 ms (%2 rows fetched), the summary and picture of all %3 ms later\n")
                    .arg(firstPaint, 0, 'f', 1).arg(w.model()->rowCount()).arg(t2.elapsed());
     }
