@@ -272,8 +272,10 @@ void ChipHistoryWindow::pageArrived()
 {
     if (!m_model->lastError().isEmpty()) {
         // A server that can't be reached is asked again after a while, or
-        // when a filter is typed.
-        m_nextTry = QDateTime::currentMSecsSinceEpoch() + 15000;
+        // when a filter is typed; the bench's own file at the next follow,
+        // as it is made by the first chip stored.
+        if (m_records.choice().line.isSet())
+            m_nextTry = QDateTime::currentMSecsSinceEpoch() + 15000;
         m_summary->setText(tr("No chips to show: %1").arg(m_model->lastError()));
         return;
     }
