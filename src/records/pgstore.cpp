@@ -54,35 +54,14 @@ QString likePrefix(const QString &s)
     return p + QLatin1Char('%');
 }
 
-struct Where {
-    QString sql;
-    QVariantList binds;
-};
-
-Where whereOf(const ChipQuery &q)
+QString likeClause(const QString &column)
 {
-    QStringList c;
-    QVariantList b;
-    auto match = [&](const char *column, const QString &v, bool prefix) {
-        if (v.isEmpty())
-            return;
-        c << (prefix ? QStringLiteral("%1 LIKE ? ESCAPE '!'") : QStringLiteral("%1 = ?")).arg(QLatin1String(column));
-        b << (prefix ? likePrefix(v) : v);
-    };
-    match("chip_id", q.chipId.toUpper(), q.prefix);
-    match("order_text", q.order, q.prefix);
-    match("station", q.station, false);
-    match("port", q.port, q.prefix);
-    match("result", q.result, false);
-    if (q.since) {
-        c << QStringLiteral("t_utc >= ?");
-        b << *q.since;
-    }
-    if (q.until) {
-        c << QStringLiteral("t_utc < ?");
-        b << *q.until;
-    }
-    return {c.isEmpty() ? QStringLiteral("true") : c.join(QLatin1String(" AND ")), b};
+    return column + QStringLiteral(" LIKE ? ESCAPE '!'");
+}
+
+ChipWhere whereOf(const ChipQuery &q)
+{
+    return ChipWhereOf(q, likeClause, likePrefix, QStringLiteral("true"));
 }
 
 } // namespace
@@ -383,7 +362,7 @@ bool PgChipStore::select(const ChipQuery &query, const std::function<bool(const 
     constexpr int kPart = 2000;
     std::optional<std::pair<qint64, qint64>> after;
     for (;;) {
-        Where w = whereOf(query);
+        ChipWhere w = whereOf(query);
         if (after) {
             w.sql += QStringLiteral(" AND (t_utc, id) > (?, ?)");
             w.binds << after->first << after->second;
@@ -416,7 +395,7 @@ QList<ChipRow> PgChipStore::page(const ChipQuery &query, std::optional<std::pair
     QList<ChipRow> rows;
     if (!m_open)
         return rows;
-    Where w = whereOf(query);
+    ChipWhere w = whereOf(query);
     if (olderThan) {
         w.sql += QStringLiteral(" AND (t_utc, id) < (?, ?)");
         w.binds << olderThan->first << olderThan->second;
@@ -440,7 +419,7 @@ QList<ChipRow> PgChipStore::newerThan(const ChipQuery &query, qint64 id, QString
     QList<ChipRow> rows;
     if (!m_open)
         return rows;
-    Where w = whereOf(query);
+    ChipWhere w = whereOf(query);
     w.sql += QStringLiteral(" AND id > ?");
     w.binds << id;
     QSqlQuery q(QSqlDatabase::database(m_conn, false));
@@ -461,7 +440,7 @@ bool PgChipStore::summary(const ChipQuery &query, ChipSummary *out, QString *err
     *out = ChipSummary{};
     if (!m_open)
         return false;
-    const Where w = whereOf(query);
+    const ChipWhere w = whereOf(query);
     QSqlQuery q(QSqlDatabase::database(m_conn, false));
     // The lower median, as the embedded store gives it.
     if (!run(q, QStringLiteral("SELECT count(*), count(*) FILTER (WHERE result = 'done'), coalesce(sum(retries), 0), "
@@ -488,7 +467,7 @@ QList<HourCount> PgChipStore::hourly(const ChipQuery &query, QString *error)
     QList<HourCount> hours;
     if (!m_open)
         return hours;
-    const Where w = whereOf(query);
+    const ChipWhere w = whereOf(query);
     QSqlQuery q(QSqlDatabase::database(m_conn, false));
     if (!run(q, QStringLiteral("SELECT t_utc / 3600000, count(*) FILTER (WHERE result = 'done'), "
                                "count(*) FILTER (WHERE result <> 'done') FROM chips WHERE %1 GROUP BY 1 ORDER BY 1").arg(w.sql),

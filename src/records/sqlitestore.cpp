@@ -60,35 +60,14 @@ QString globPrefix(const QString &s)
     return g + QLatin1Char('*');
 }
 
-struct Where {
-    QString sql;
-    QVariantList binds;
-};
-
-Where whereOf(const ChipQuery &q)
+QString globClause(const QString &column)
 {
-    QStringList c;
-    QVariantList b;
-    auto match = [&](const char *column, const QString &v, bool prefix) {
-        if (v.isEmpty())
-            return;
-        c << QStringLiteral("%1 %2 ?").arg(QLatin1String(column), prefix ? QStringLiteral("GLOB") : QStringLiteral("="));
-        b << (prefix ? globPrefix(v) : v);
-    };
-    match("chip_id", q.chipId.toUpper(), q.prefix);
-    match("order_text", q.order, q.prefix);
-    match("station", q.station, false);
-    match("port", q.port, q.prefix);
-    match("result", q.result, false);
-    if (q.since) {
-        c << QStringLiteral("t_utc >= ?");
-        b << *q.since;
-    }
-    if (q.until) {
-        c << QStringLiteral("t_utc < ?");
-        b << *q.until;
-    }
-    return {c.isEmpty() ? QStringLiteral("1") : c.join(QLatin1String(" AND ")), b};
+    return column + QStringLiteral(" GLOB ?");
+}
+
+ChipWhere whereOf(const ChipQuery &q)
+{
+    return ChipWhereOf(q, globClause, globPrefix, QStringLiteral("1"));
 }
 
 bool run(QSqlQuery &q, const QString &sql, const QVariantList &binds, QString *error)
@@ -568,7 +547,7 @@ bool SqliteChipStore::select(const ChipQuery &query, const std::function<bool(co
             *error = QStringLiteral("the chip store is not open");
         return false;
     }
-    const Where w = whereOf(query);
+    const ChipWhere w = whereOf(query);
     QSqlQuery q(QSqlDatabase::database(m_conn, false));
     if (!run(q, QStringLiteral("SELECT %1 FROM chips WHERE %2 ORDER BY t_utc, id").arg(QLatin1String(kColumns), w.sql), w.binds, error))
         return false;
@@ -584,7 +563,7 @@ QList<ChipRow> SqliteChipStore::page(const ChipQuery &query, std::optional<std::
     QList<ChipRow> rows;
     if (!m_open)
         return rows;
-    Where w = whereOf(query);
+    ChipWhere w = whereOf(query);
     if (olderThan) {
         w.sql += QStringLiteral(" AND (t_utc < ? OR (t_utc = ? AND id < ?))");
         w.binds << olderThan->first << olderThan->first << olderThan->second;
@@ -604,7 +583,7 @@ QList<ChipRow> SqliteChipStore::newerThan(const ChipQuery &query, qint64 id, QSt
     QList<ChipRow> rows;
     if (!m_open)
         return rows;
-    Where w = whereOf(query);
+    ChipWhere w = whereOf(query);
     w.sql += QStringLiteral(" AND id > ?");
     w.binds << id;
     QSqlQuery q(QSqlDatabase::database(m_conn, false));
@@ -647,9 +626,9 @@ bool SqliteChipStore::stats(const ChipQuery &query, ChipSummary *out, QList<Hour
             *error = QStringLiteral("the chip store is not open");
         return false;
     }
-    const Where w = whereOf(query);
+    const ChipWhere w = whereOf(query);
     // The span again as hours, which lets the hour index seek to it.
-    Where byHour = w;
+    ChipWhere byHour = w;
     if (query.since) {
         byHour.sql += QStringLiteral(" AND t_utc / 3600000 >= ?");
         byHour.binds << *query.since / 3600000;

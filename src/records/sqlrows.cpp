@@ -1,6 +1,7 @@
 #include "sqlrows.h"
 
 #include <QSqlQuery>
+#include <QStringList>
 #include <QVariant>
 
 namespace pyro {
@@ -24,6 +25,34 @@ ChipRow ChipRowFromQuery(const QSqlQuery &q)
     r.result = q.value(13).toString();
     r.version = q.value(14).toString();
     return r;
+}
+
+ChipWhere ChipWhereOf(const ChipQuery &q, QString (*prefixClause)(const QString &column),
+                      QString (*prefixPattern)(const QString &typed), const QString &always)
+{
+    QStringList c;
+    QVariantList b;
+    auto match = [&](const char *column, const QString &v, bool prefix) {
+        if (v.isEmpty())
+            return;
+        const QString col = QLatin1String(column);
+        c << (prefix ? prefixClause(col) : col + QStringLiteral(" = ?"));
+        b << (prefix ? prefixPattern(v) : v);
+    };
+    match("chip_id", q.chipId.toUpper(), q.prefix);
+    match("order_text", q.order, q.prefix);
+    match("station", q.station, false);
+    match("port", q.port, q.prefix);
+    match("result", q.result, false);
+    if (q.since) {
+        c << QStringLiteral("t_utc >= ?");
+        b << *q.since;
+    }
+    if (q.until) {
+        c << QStringLiteral("t_utc < ?");
+        b << *q.until;
+    }
+    return {c.isEmpty() ? always : c.join(QLatin1String(" AND ")), b};
 }
 
 } // namespace pyro
